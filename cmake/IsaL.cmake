@@ -1,0 +1,13 @@
+# ISA-L, the erasure code's peer in tests and benchmarks; without it a target runs without that peer and says so.
+function(tarn_use_isal target)
+  if(CMAKE_CROSSCOMPILING)
+    return()
+  endif()
+  find_library(ISAL_LIBRARY isal)
+  find_path(ISAL_INCLUDE_DIR isa-l.h)
+  if(ISAL_LIBRARY AND ISAL_INCLUDE_DIR)
+    target_compile_definitions(${target} PRIVATE TARN_HAVE_ISAL)
+    target_include_directories(${target} SYSTEM PRIVATE ${ISAL_INCLUDE_DIR})
+    target_link_libraries(${target} PRIVATE ${ISAL_LIBRARY})
+  endif()
+endfunction()
