@@ -54,9 +54,14 @@ function(tarn_bench name)
   add_dependencies(benchmarks ${name})
 endfunction()
 
-# tarn_fuzzer(NAME SOURCES...): one libFuzzer target; its seeds come from make_corpus.
+# tarn_fuzzer(NAME SOURCES... [VIRTUAL]): one libFuzzer target; its seeds come from make_corpus. VIRTUAL as for a test.
 function(tarn_fuzzer name)
-  add_executable(${name} ${ARGN})
+  cmake_parse_arguments(arg "VIRTUAL" "" "" ${ARGN})
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  if(arg_VIRTUAL)
+    target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/virtual_clock.cpp
+      ${PROJECT_SOURCE_DIR}/tests/support/seeded_random.cpp)
+  endif()
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/core ${PROJECT_SOURCE_DIR}/tests)
   target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
