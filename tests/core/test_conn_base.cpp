@@ -1,0 +1,281 @@
+// What both engines stand on: timestamps, the event ring, the server table and its resolutions, the small packets.
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include "conn_internal.h"
+#include "support/engine_rig.h"
+#include "support/seeded_random.h"
+#include "support/virtual_clock.h"
+
+namespace {
+
+struct base_rig : engine_rig {
+    conn_base b = {};
+    explicit base_rig(const tarn_relay_config &relays = {}, const char *name = nullptr, int lan_count = 0) {
+        const tarn_keypair id = test_key(7);
+        tarn_addr lan[TARN_LAN_MAX + 1];
+        for (tarn_addr &a : lan)
+            a = ep("192.168.1.2:9");
+        conn_base_init(&b, &id, name, &relays, lan, lan_count, on_send, on_log,
+                       static_cast<engine_rig *>(this));
+    }
+};
+
+tarn_relay_server server(const char *host, uint16_t port, const char *key = "key",
+                         const char *addr = nullptr) {
+    tarn_relay_server s = {};
+    strcpy(s.host, host);
+    s.port = port;
+    s.key_len = strlen(key);
+    memcpy(s.key, key, s.key_len);
+    if (addr) s.addr = ep(addr);
+    return s;
+}
+
+TEST(ConnBase, TimestampsRiseWhateverTheClockDoes) {
+    virtual_clock::step_wall(int64_t{3600} * 1000000);
+    const uint64_t first = conn_hs_timestamp();
+    EXPECT_EQ(first, conn_wall_us());
+    EXPECT_EQ(conn_hs_timestamp(), first + 1); // same microsecond
+    virtual_clock::step_wall(-60000000);
+    EXPECT_EQ(conn_hs_timestamp(), first + 2); // set back
+    virtual_clock::step_wall(120000000);
+    EXPECT_EQ(conn_hs_timestamp(), conn_wall_us());
+    seeded_random::push("\x01\x02\x03\x04", 4);
+    EXPECT_EQ(conn_random_u32(), 0x04030201u);
+    uint8_t digest[16];
+    char hex[33];
+    conn_blake2b16(digest, reinterpret_cast<const uint8_t *>("abc"), 3);
+    tarn_hex_encode(hex, digest, 16);
+    EXPECT_STREQ(hex, "cf4ab791c62b8d2b2109c90275287816");
+}
+
+TEST(ConnBase, FullEventRingDropsTheOldestAndKeepsOrder) {
+    base_rig rig;
+    conn_base *b = &rig.b;
+    conn_event e;
+    memset(&e, 0x5A, sizeof e);
+    const conn_event before = e;
+    EXPECT_EQ(conn_ev_pop(b, &e), 0);
+    EXPECT_EQ(memcmp(&e, &before, sizeof e), 0);
+
+    memset(b->events, 0xFF, sizeof b->events); // what an earlier turn of the ring left
+    for (int i = 1; i <= 65; i++)
+        conn_ev_push(b, i)->detail = 100 + i;
+    EXPECT_EQ(b->event_count, 64);
+    ASSERT_EQ(conn_ev_pop(b, &e), 1); // the first is lost
+    conn_event want = {};
+    want.kind = 2;
+    want.detail = 102;
+    want.server = -1;
+    EXPECT_EQ(memcmp(&e, &want, sizeof e), 0);
+    conn_ev_push(b, 66); // across the end of the ring
+    for (int i = 3; i <= 66; i++) {
+        ASSERT_EQ(conn_poll_event(b, &e), 1);
+        EXPECT_EQ(e.kind, i);
+    }
+    EXPECT_EQ(conn_poll_event(b, &e), 0);
+    conn_event *peer = conn_ev_push_peer(b, TARN_EV_HOST_PAIRED, test_key(3).public_key);
+    uint8_t id[16];
+    tarn_key_id(id, test_key(3).public_key);
+    EXPECT_EQ(memcmp(peer->key, test_key(3).public_key, 32), 0);
+    EXPECT_EQ(memcmp(peer->key_id, id, 16), 0);
+    EXPECT_EQ(peer->server, -1);
+}
+
+TEST(ConnBase, InitCleansAndClamps) {
+    const struct { int given, kept; } rows[] = {{-1, 0}, {0, 0}, {3, 3}, {4, 4}, {5, 4}};
+    for (const auto &row : rows) {
+        base_rig rig({},
+                     "a\nb\x7F"
+                     "c",
+                     row.given);
+        EXPECT_EQ(rig.b.lan_count, row.kept);
+        EXPECT_STREQ(rig.b.name, "a b c");
+        for (int i = 0; i < row.kept; i++)
+            EXPECT_EQ(text(rig.b.lan[i]), "192.168.1.2:9");
+        EXPECT_EQ(memcmp(rig.b.identity.secret, test_key(7).secret, 32), 0);
+    }
+    EXPECT_STREQ(base_rig().b.name, "");
+}
+
+TEST(ConnBase, ServerTableKeepsGoodEntriesInOrder) {
+    tarn_relay_config relays = {};
+    relays.count = 9; // one more than there is room for
+    for (int i = 0; i < 8; i++)
+        relays.servers[i] = server(("s" + std::to_string(i)).c_str(), 0, "k");
+    conn_server table[conn_servers_max];
+    memset(table, 0xFF, sizeof table);
+    EXPECT_EQ(conn_servers_load(table, &relays), 8);
+    EXPECT_STREQ(table[7].host, "s7");
+    EXPECT_EQ(table[7].port, TARN_RELAY_DEFAULT_PORT);
+
+    relays.count = 5;
+    relays.servers[0] =
+        server(" 203.0.113.7 ", 100, "one", "9.9.9.9:5");            // a literal names its address itself
+    relays.servers[1] = server("two", 200, "two", "198.51.100.2:7"); // resolved earlier, on another port
+    relays.servers[2] = server("bad name", 1);
+    relays.servers[3] = server("four", 400);
+    relays.servers[3].addr.port = 77; // no family: no address at all
+    relays.servers[4] = server("five", 500, "");
+    memset(table, 0xFF, sizeof table);
+    ASSERT_EQ(conn_servers_load(table, &relays), 3);
+    const struct {
+        const char *host;
+        uint16_t port;
+        const char *key, *addr;
+    } rows[] = {{"203.0.113.7", 100, "one", "203.0.113.7:100"},
+                {"two", 200, "two", "198.51.100.2:200"},
+                {"four", 400, "key", "-"}};
+    for (int i = 0; i < 3; i++) {
+        uint8_t net_key[32];
+        tarn_rv_net_key(net_key, reinterpret_cast<const uint8_t *>(rows[i].key), 3);
+        EXPECT_STREQ(table[i].host, rows[i].host);
+        EXPECT_EQ(table[i].port, rows[i].port);
+        EXPECT_EQ(text(table[i].addr), rows[i].addr);
+        EXPECT_EQ(memcmp(table[i].net_key, net_key, 32), 0);
+        EXPECT_EQ(table[i].resolve_failed, 0u);
+    }
+    const conn_server zero[5] = {};
+    const tarn_addr none = {};
+    EXPECT_EQ(memcmp(&table[2].addr, &none, sizeof none), 0);
+    EXPECT_EQ(memcmp(&table[3], zero, sizeof zero), 0);
+    EXPECT_EQ(conn_servers_load(table, nullptr), 0);
+    EXPECT_EQ(memcmp(table, zero, sizeof zero), 0);
+}
+
+TEST(ConnBase, ResolutionsMoveAddressesAndLogOnce) {
+    tarn_relay_config relays = {};
+    relays.count = 4;
+    relays.servers[0] = server("one.example", 100);
+    relays.servers[1] = server("two.example", 100);
+    relays.servers[2] = server("ONE.example", 100, "other"); // the same server under another key
+    relays.servers[3] = server("one.example", 101);
+    base_rig rig(relays);
+    const tarn_addr a = ep("203.0.113.5:9"), b = ep("[2001:db8::5]:1"), none = {};
+    const struct {
+        const char *name;
+        uint16_t port;
+        const tarn_addr *addr;
+        uint32_t mask;
+        std::vector<std::string> log;
+        uint32_t failed; // of server 0
+        const char *at;  // server 0
+    } rows[] = {
+        {nullptr, 100, &a, 0, {}, 0, "-"},
+        {"one.example", 102, &a, 0, {}, 0, "-"},
+        {"one.exampl", 100, &a, 0, {}, 0, "-"},
+        {"oNe.EXAMPLE",
+         100,
+         nullptr,
+         0,
+         {"server one.example:100: name did not resolve", "server ONE.example:100: name did not resolve"},
+         1,
+         "-"},
+        {"one.example", 100, &none, 0, {}, 1, "-"},
+        {"one.example",
+         100,
+         &a,
+         5,
+         {"server one.example:100 is at 203.0.113.5:100", "server ONE.example:100 is at 203.0.113.5:100"},
+         0,
+         "203.0.113.5:100"},
+        {"one.example", 100, &a, 0, {}, 0, "203.0.113.5:100"},
+        {"one.example",
+         100,
+         nullptr,
+         0,
+         {"server one.example:100: name did not resolve", "server ONE.example:100: name did not resolve"},
+         1,
+         "203.0.113.5:100"},
+        {"ONE.EXAMPLE", 100, &a, 0, {}, 0, "203.0.113.5:100"},
+        {"one.example",
+         100,
+         &b,
+         5,
+         {"server one.example:100 is at [2001:db8::5]:100", "server ONE.example:100 is at [2001:db8::5]:100"},
+         0,
+         "[2001:db8::5]:100"},
+        {"one.example", 101, &a, 8, {"server one.example:101 is at 203.0.113.5:101"}, 0, "[2001:db8::5]:100"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(&row - rows);
+        EXPECT_EQ(conn_server_resolved(&rig.b, row.name, row.port, row.addr), row.mask);
+        EXPECT_EQ(rig.take_log(), row.log);
+        EXPECT_EQ(rig.b.servers[0].resolve_failed, row.failed);
+        EXPECT_EQ(text(rig.b.servers[0].addr), row.at);
+        EXPECT_EQ(text(rig.b.servers[1].addr), "-");
+    }
+    const tarn_addr at = ep("[2001:db8::5]:100"), port = ep("[2001:db8::5]:99"),
+                    first = ep("203.0.113.5:101");
+    EXPECT_EQ(conn_server_index(&rig.b, &at), 0);
+    EXPECT_EQ(conn_server_index(&rig.b, &first), 3);
+    EXPECT_EQ(conn_server_index(&rig.b, &port), -1);
+    EXPECT_EQ(conn_server_index(&rig.b, &none), -1); // a server without an address is nowhere
+    base_rig alone;
+    EXPECT_EQ(conn_server_resolved(&alone.b, "one.example", 100, &a), 0u);
+}
+
+TEST(ConnBase, SendsOnlyWhatHasLengthAndTarget) {
+    tarn_relay_config relays = {};
+    relays.count = 2;
+    relays.servers[0] = server("one.example", 100);
+    relays.servers[1] = server("2001:db8::1", 200, "two");
+    base_rig rig(relays);
+    const tarn_addr to = ep("203.0.113.5:9"), none = {};
+    const uint8_t data[3] = {1, 2, 3};
+    conn_send(&rig.b, &none, data, 3);
+    conn_send(&rig.b, &to, data, 0);
+    tarn_rv_msg m = {};
+    m.type = TARN_RV_PUNCH;
+    for (int server : {-1, 0, 2, 8})
+        conn_send_server(&rig.b, server, &m);
+    EXPECT_TRUE(rig.take().empty());
+
+    conn_send(&rig.b, &to, data, 3);
+    conn_send_rv(&rig.b, &to, &m, nullptr);
+    m.type = TARN_RV_LOOKUP;
+    m.id_len = 16;
+    m.tag = 7;
+    m.count = 4;
+    conn_send_server(&rig.b, 1, &m);
+    const auto sent = rig.take();
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_EQ(sent[0].data, bytes({1, 2, 3}));
+    EXPECT_EQ(sent[1].data.size(), size_t{TARN_RV_PUNCH_SIZE});
+    EXPECT_EQ(text(sent[2].to), "[2001:db8::1]:200");
+    tarn_rv_msg got;
+    EXPECT_EQ(tarn_rv_decode(sent[2].data.data(), sent[2].data.size(), rig.b.servers[1].net_key, &got), 0);
+    EXPECT_EQ(got.tag, 7u);
+
+    char buf[conn_server_text];
+    EXPECT_STREQ(conn_server_str(&rig.b, 0, buf, sizeof buf), "one.example:100");
+    EXPECT_STREQ(conn_server_str(&rig.b, 1, buf, sizeof buf), "[2001:db8::1]:200");
+    EXPECT_STREQ(conn_addr_str(&to, buf, sizeof buf), "203.0.113.5:9");
+    EXPECT_STREQ(conn_addr_str(&to, buf, 4), "203");
+    conn_log(&rig.b, "%s", std::string(600, 'x').c_str());
+    EXPECT_EQ(rig.take_log(), std::vector<std::string>{std::string(511, 'x')});
+    rig.b.log = nullptr;
+    conn_log(&rig.b, "no callback, no call");
+}
+
+TEST(ConnBase, SmallPacketsByteForByte) {
+    uint8_t probe[conn_probe_size], rekey[conn_rekey_size];
+    ASSERT_EQ(conn_make_probe(probe, TARN_PKT_PROBE, 1, 0x04030201, 0x0C0B0A0908070605), 20u);
+    const uint8_t want_probe[] = {0x50, 1, 91, 1, 0, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
+    EXPECT_EQ(memcmp(probe, want_probe, sizeof probe), 0);
+    ASSERT_EQ(conn_make_rekey(rekey, TARN_PKT_REKEY_ACK, 0x04030201), 12u);
+    const uint8_t want_rekey[] = {0x50, 1, 94, 0, 0, 0, 0, 0, 1, 2, 3, 4};
+    EXPECT_EQ(memcmp(rekey, want_rekey, sizeof rekey), 0);
+
+    const struct {
+        const char *a, *b;
+        int equal;
+    } rows[] = {{"", "", 1},   {"abc", "ABC", 1}, {"abc", "abcd", 0}, {"abcd", "abc", 0},
+                {"[", "{", 0}, {"@", "`", 0},     {"zZ", "Zz", 1}};
+    for (const auto &row : rows)
+        EXPECT_EQ(conn_strieq(row.a, row.b), row.equal) << row.a << " " << row.b;
+}
+
+} // namespace
