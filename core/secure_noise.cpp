@@ -287,7 +287,7 @@ int tarn_hs_client_finish(tarn_noise_ik *state, const uint8_t *packet, size_t si
                                            payload, sizeof payload, &payload_size);
     if (result != TARN_OK) return result;
     const uint32_t id = get_u32(payload);
-    if (payload_size != sizeof payload || id == 0 || id != get_u32(packet + 4)) return TARN_ERR_AUTH;
+    if (id == 0 || id != get_u32(packet + 4)) return TARN_ERR_AUTH;
     session_from(session, &copy.v, id);
     crypto_wipe(state, sizeof *state);
     return TARN_OK;

@@ -1,0 +1,37 @@
+// What the host program and the client program say to each other inside a session. They use packets that the library
+// defines and leave their meaning to the programs; this is the meaning.
+//
+//   TARN_PKT_VIDEO_SHARD   host to client: one H.264 access unit is one frame. Ids count from 0, one by one, for each
+//                          session. frame_flags: below. frame_time: microseconds since the stream's first frame.
+//                          frame_aux: 0.
+//   TARN_PKT_VALUE_A       host to client: the stream has ended, and had this many frames. Repeated until the client
+//                          says that it knows.
+//   TARN_PKT_CLIENT_STATS  client to host, once a second and at its end: the words below.
+//
+// The host begins a stream when a session carries its first packet, which the client's engine sends by itself.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace app {
+
+// Where a host listens if nobody says otherwise.
+constexpr uint16_t default_port = 9876;
+
+// Largest access unit, on both sides.
+constexpr size_t frame_size_max = 16 << 20;
+
+enum frame_flag : uint8_t { frame_key = 1 }; // the picture stands by itself
+
+enum stats_word : size_t {
+    stats_frames = 0,   // delivered in order
+    stats_lost = 1,     // known to be missing
+    stats_received = 2, // shards
+    stats_repaired = 3, // shards rebuilt from parity
+    stats_bad = 4,      // packets that contradict themselves
+    stats_state = 5     // bit 0: below
+};
+constexpr uint32_t stats_done = 1; // the client needs nothing more: it has the end, or it leaves
+
+} // namespace app
