@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 #include "support/packet_rows.h"
 
@@ -37,15 +38,11 @@ tarn_addr endpoint(const char *text) {
     return addr;
 }
 
-tarn_keypair keypair(uint8_t fill) {
-    tarn_keypair pair;
-    tarn_keypair_from_secret(&pair, bytes(32, fill).data());
-    return pair;
-}
-
 // One handshake, both ways round, and a sealed packet of its session.
 void handshake(const char *to) {
-    const tarn_keypair host = keypair(1), client = keypair(2);
+    tarn_keypair host, client;
+    tarn_keypair_from_secret(&host, bytes(32, 1).data());
+    tarn_keypair_from_secret(&client, bytes(32, 2).data());
     tarn_noise_ik at_client, at_host;
     tarn_session session;
     bytes init(TARN_HS_INIT_SIZE), resp(TARN_HS_RESP_SIZE), reject(TARN_HS_REJECT_SIZE), sealed(64);
@@ -71,7 +68,7 @@ void rendezvous_messages() {
     const uint8_t net_key[32] = {};
     for (int type = TARN_RV_REGISTER; type <= TARN_RV_ERROR; type++) {
         tarn_rv_msg m;
-        std::memset(&m, 0x11, sizeof m);
+        memset(&m, 0x11, sizeof m);
         m.type = static_cast<uint8_t>(type);
         m.id_len = TARN_RV_ID_MAX;
         m.count = 2;
@@ -136,25 +133,17 @@ struct stream {
 };
 
 void video() {
-    const struct {
-        const char *name;
-        size_t packet;
-        int percent;
-        size_t frame;
-        unsigned lose;
-    } rows[] = {
-        {"one_shard", 300, 0, 100, 0},
-        {"parity", 60, 50, 200, 4},
-        {"too_much_lost", 60, 10, 200, 3},
-        {"two_groups", 43, 20, 70, 8},
-    };
-    for (const auto &row : rows) {
-        stream to = {{}, row.lose, 0};
-        tarn_packetizer *packetizer = tarn_packetizer_create(row.packet, row.percent, 0);
+    // name, packet size, parity in percent, frame size, which packet is lost
+    using row = std::tuple<const char *, size_t, int, size_t, unsigned>;
+    for (const auto &[name, packet_size, percent, frame_size, lose] :
+         {row{"one_shard", 300, 0, 100, 0}, row{"parity", 60, 50, 200, 4},
+          row{"too_much_lost", 60, 10, 200, 3}, row{"two_groups", 43, 20, 70, 8}}) {
+        stream to = {{}, lose, 0};
+        tarn_packetizer *packetizer = tarn_packetizer_create(packet_size, percent, 0);
         if (packetizer == nullptr) give_up("no packetizer");
         for (uint32_t id = 1; id <= 3; id++) {
             const tarn_frame_info info = {id, 1, id * 16667ull, 0};
-            const bytes frame(row.frame, static_cast<uint8_t>(id));
+            const bytes frame(frame_size, static_cast<uint8_t>(id));
             if (tarn_packetizer_send_frame(packetizer, 7, &info, frame.data(), frame.size(), stream::append,
                                            &to) < 0) {
                 give_up("no packets");
@@ -163,8 +152,8 @@ void video() {
         }
         tarn_packetizer_destroy(packetizer);
         to.length(0xFFFF);
-        seed("fuzz_reassembler", row.name, to.out);
-        seed("fuzz_packets", std::string("video_") + row.name,
+        seed("fuzz_reassembler", name, to.out);
+        seed("fuzz_packets", std::string("video_") + name,
              bytes(to.out.begin() + 2, to.out.begin() + 2 + to.out[0] + 256 * to.out[1]));
     }
 }

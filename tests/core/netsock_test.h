@@ -3,9 +3,7 @@
 #define TEST_NETSOCK_TEST_H
 
 #include <gtest/gtest.h>
-
 #include <string.h>
-
 #include <tarnglider/conn_addr.h>
 
 inline tarn_addr addr(const char *text, uint16_t port = 0) {

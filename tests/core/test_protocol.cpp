@@ -2,6 +2,8 @@
 // each variable part.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "support/packet_rows.h"
 
 namespace {
@@ -64,62 +66,64 @@ TEST(Protocol, EveryFlippedBitIsRefusedOrKept) {
     }
 }
 
-// The limits of what follows a fixed part, and one past each: `body`, then zeros up to a size that is taken and one that
-// is not; 0: there is none.
-TEST(Protocol, LimitsOfCountsNamesAndChunks) {
-    const std::string id = "01020304", reply = id + "00000000" + "000000000000" + "00",
-                      four = "000004" + std::string(32, '0'), pixel = id + "01000100" + "00000000";
+// Whether a packet of this body and so many zeros behind it is taken, by the one row of its type.
+static bool taken(uint8_t type, const std::string &body, size_t zeros) {
+    bytes p = packet(type, body);
+    p.resize(p.size() + zeros);
+    p.shrink_to_fit();
+    const auto row =
+        std::find_if(rows.begin(), rows.end(), [=](const packet_row &r) { return r.type == type; });
+    const bytes back = row->echo(p);
+    EXPECT_TRUE(back.empty() || back == p) << hex(back);
+    return !back.empty();
+}
+
+static std::string wire(size_t value, size_t size) { // little-endian
+    uint8_t le[4];
+    put_u32(le, static_cast<uint32_t>(value));
+    return hex(le, size);
+}
+
+TEST(Protocol, LimitsOfCountsAndNames) {
     const struct {
         uint8_t type;
-        std::string body;
-        size_t good, bad;
-        const char *why;
-    } limits[] = {
-        {10, reply + "3f", 87, 86, "a name of 63"},
-        {10, reply + "40", 0, 88, "a name of 64"},
-        {12, id + "00" + "00000001" + "00000000", 21, 0, "a blob of 16 MiB"},
-        {12, id + "00" + "01000001" + "00000000", 0, 21, "a blob of 16 MiB and 1"},
-        {12, id + "00" + "00000000" + "00000000", 0, 21, "an empty blob"},
-        {12, id + "00" + "04000000" + "04000000", 21, 22, "a chunk at the end"},
-        {12, id + "00" + "04000000" + "05000000", 0, 21, "a chunk behind the end"},
-        {12, id + "00" + "04000000" + "01000000", 24, 25, "a chunk up to the end, and across"},
-        {12, id + "00" + "04000000" + "ffffffff", 0, 26, "an offset that would wrap"},
-        {13, id + "00" + "40", 526, 525, "64 ranges"},
-        {13, id + "00" + "41", 0, 534, "65 ranges"},
-        {14, four + "3f", 91, 90, "4 words and a name of 63"},
-        {14, four + "40", 0, 92, "a name of 64"},
-        {14, "000004", 28, 27, "4 words and no name"},
-        {14, "000005", 0, 40, "5 words"},
-        {33, pixel + "04000000" + "04000000", 28, 29, "a chunk at the end"},
-        {33, pixel + "04000000" + "05000000", 0, 28, "a chunk behind the end"},
-        {33, pixel + "05000000" + "04000000", 0, 28, "a total beyond the pixels"},
-        {33, pixel + "03000000" + "00000000", 0, 28, "a total short of the pixels"},
-        {33, pixel + "04000000" + "01000000", 31, 32, "a chunk up to the end, and across"},
-        {33, id + std::string(32, '0'), 28, 0, "no pixels"},
-        {33, id + "ffffffff" + "00000000" + "0400f8ff" + "00000000", 0, 28,
-         "a product that wraps at 32 bits"},
-        {48, id + "40", 781, 780, "64 events"},
-        {48, id + "41", 0, 793, "65 events"},
-        {48, id + "00", 13, 12, "no event"},
-    };
+        std::string body; // in front of the count
+        size_t max, item, behind;
+    } limits[] = {{10, std::string(30, '0'), 63, 1, 0},
+                  {13, "0000000000", 64, 8, 0},
+                  {14, "0000", 4, 4, 1},
+                  {14, "000004" + std::string(32, '0'), 63, 1, 0},
+                  {48, "00000000", 64, 12, 0}};
     for (const auto &l : limits) {
-        SCOPED_TRACE(std::to_string(l.type) + ": " + l.why);
-        for (const size_t size : {l.good, l.bad}) {
-            if (size == 0) continue;
-            bytes p = packet(l.type, l.body);
-            p.resize(size);
-            p.shrink_to_fit();
-            for (const packet_row &r : rows) {
-                if (r.type != l.type) continue;
-                EXPECT_EQ(hex(r.echo(p)), size == l.good ? hex(p) : "");
-            }
-            if (l.type != 12) continue;
-            // The clipboard's encoder makes the same checks.
-            const tarn_clipboard_chunk c = {1, 0, get_u32(&p[13]), get_u32(&p[17])};
-            EXPECT_EQ(tarn_encode_clipboard(scratch, room, &packet_head, &c, p.data(), size - 21),
-                      size == l.good ? size : 0);
+        for (size_t count = 0; count < 256; count++) {
+            const std::string body = l.body + wire(count, 1);
+            const size_t size = count * l.item + l.behind;
+            EXPECT_EQ(taken(l.type, body, size), count <= l.max) << int{l.type} << ", " << count;
+            EXPECT_FALSE(size > 0 && taken(l.type, body, size - 1)) << int{l.type} << ", " << count;
         }
     }
+}
+
+// A chunk of a blob on the clipboard, and of a cursor of one pixel.
+TEST(Protocol, LimitsOfChunks) {
+    for (const uint32_t total : {0u, 3u, 4u, 5u, 1u << 24, (1u << 24) + 1}) {
+        for (const uint32_t offset : {0u, 1u, 4u, 5u, 1u << 24, UINT32_MAX}) {
+            for (uint32_t size = 0; size < 7; size++) {
+                const std::string place = wire(total, 4) + wire(offset, 4);
+                SCOPED_TRACE(place + ", " + std::to_string(size));
+                const bool fits = uint64_t{offset} + size <= total,
+                           clipboard = fits && total > 0 && total <= 1 << 24;
+                EXPECT_EQ(taken(33, "010203040100010000000000" + place, size), fits && total == 4);
+                EXPECT_EQ(taken(12, "0102030400" + place, size), clipboard);
+                // The clipboard's encoder makes the same checks.
+                const tarn_clipboard_chunk c = {1, 0, total, offset};
+                EXPECT_EQ(tarn_encode_clipboard(scratch, room, &packet_head, &c, scratch, size),
+                          clipboard ? 21 + size : 0);
+            }
+        }
+    }
+    EXPECT_TRUE(taken(33, "01020304", 16)) << "no pixels";
+    EXPECT_FALSE(taken(33, "01020304ffffffff000000000400f8ff", 4)) << "a product that wraps at 32 bits";
 }
 
 template <class Record>

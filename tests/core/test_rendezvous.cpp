@@ -7,12 +7,10 @@
 #include <tarnglider/rendezvous.h>
 #include <tarnglider/secure.h>
 
-#include <string.h>
-
 #include <algorithm>
-#include <memory>
 
 #include "support/hex_bytes.h"
+#include "support/records.h"
 
 // The test is linked with --wrap=crypto_wipe: what the library wipes passes here first.
 static std::vector<std::string> wiped;
@@ -57,29 +55,18 @@ bytes packet(uint8_t type, const std::string &body) {
     return unhex("5001" + hex(&type, 1) + "0000000000" + body);
 }
 
-bytes run(uint8_t first, size_t count) {
-    bytes out;
-    for (size_t i = 0; i < count; i++)
-        out.push_back(static_cast<uint8_t>(first + i));
-    return out;
-}
-
 // A record with every field set, each to bytes of its own.
 tarn_rv_msg full(uint8_t type) {
     tarn_rv_msg m = {};
     m.type = type, m.status = 0x21, m.side = 0x22, m.id_len = 16, m.interval = 0x090A;
     m.allocation = 0x05060708, m.tag = 0x01020304, m.count = 2;
-    memcpy(m.key, run(0x10, 32).data(), 32);
-    memcpy(m.token, run(0x30, 16).data(), 16);
-    memcpy(m.proof, run(0x40, 16).data(), 16);
-    memcpy(m.punch_token, run(0x50, 16).data(), 16);
-    memcpy(m.lookup_id, run(0x60, 16).data(), 16);
-    m.seen = {4, 0x0B0C, {192, 0, 2, 1}};
-    m.peer = {6, 0x0D0E, {}};
-    memcpy(m.peer.ip, run(0x70, 16).data(), 16);
-    m.endpoints[0] = {4, 0x1112, {10, 0, 0, 7}};
-    m.endpoints[1] = {6, 0x1314, {}};
-    memcpy(m.endpoints[1].ip, run(0x80, 16).data(), 16);
+    m.seen = {4, 0x0B0C, {192, 0, 2, 1}}, m.peer = {6, 0x0D0E, {}};
+    m.endpoints[0] = {4, 0x1112, {10, 0, 0, 7}}, m.endpoints[1] = {6, 0x1314, {}};
+    const auto put = [](uint8_t *to, const std::string &wire) {
+        memcpy(to, unhex(wire).data(), wire.size() / 2);
+    };
+    put(m.key, key_w), put(m.token, token_w), put(m.proof, proof_w), put(m.punch_token, punch_w);
+    put(m.lookup_id, id_w), put(m.peer.ip, peer_w.substr(6)), put(m.endpoints[1].ip, lan6_w.substr(6));
     return m;
 }
 
@@ -93,13 +80,11 @@ bytes encode(const tarn_rv_msg &m, const uint8_t *key = nullptr) {
     return bytes(out, out + tarn_rv_encode(out, sizeof out, key, &m));
 }
 
-// Decodes into a record full of rubbish; a failure must leave it all zero.
+// A failure must leave the record all zero.
 int decode(const bytes &p, const uint8_t *key = nullptr, tarn_rv_msg *out = nullptr) {
-    static constexpr tarn_rv_msg zero = {};
-    tarn_rv_msg m;
-    memset(&m, 0xEE, sizeof m);
+    tarn_rv_msg m = dirty<tarn_rv_msg>();
     const int result = tarn_rv_decode(p.data(), p.size(), key, &m);
-    EXPECT_TRUE(result == 0 || memcmp(&m, &zero, sizeof m) == 0) << "a failed decode leaves nothing";
+    EXPECT_TRUE(result == 0 || all_zero(m)) << "a failed decode leaves nothing";
     if (out) *out = m;
     return result;
 }
@@ -136,11 +121,10 @@ TEST(Rendezvous, GoldenBytesBothWays) {
         }
     }
     // Fields that the type doesn't carry are 0.
-    tarn_rv_msg got, only;
-    memset(&only, 0, sizeof only);
-    only.type = 106, only.tag = 0x01020304, only.status = 0x21;
+    tarn_rv_msg got;
     ASSERT_EQ(decode(packet(106, tag_w + status_w), nullptr, &got), 0);
-    EXPECT_EQ(memcmp(&got, &only, sizeof got), 0);
+    got.type = got.status = 0, got.tag = 0;
+    EXPECT_TRUE(all_zero(got));
 }
 
 TEST(Rendezvous, RefusesWhatIsCutLongerOrFlipped) {
@@ -170,50 +154,33 @@ TEST(Rendezvous, RefusesWhatIsCutLongerOrFlipped) {
     }
 }
 
-// Values that a field may not have, and those beside them that it may; with a valid trailer and without.
+// Every value of each field that has limits, with a valid trailer and without.
 TEST(Rendezvous, LimitsOfFields) {
-    const auto endpoint = [](uint8_t family) { return hex(&family, 1) + "0102" + std::string(32, '0'); };
-    const std::string four = "04" + lan4_w + lan6_w + lan4_w + lan6_w;
-    const struct {
-        uint8_t type;
-        std::string body;
-        int result;
-        const char *why;
-    } limits[] = {
-        {99, tag_w + "04" + id_w + "00", -1, "an id of 4"},
-        {99, tag_w + "05" + id_w + "00", 0, "a key code"},
-        {99, tag_w + "10" + id_w + "00", 0, "a key id"},
-        {99, tag_w + "11" + id_w + "00", -1, "an id of 17"},
-        {99, tag_w + "10" + id_w + four, 0, "4 endpoints"},
-        {99, tag_w + "10" + id_w + "05" + four.substr(2) + lan4_w, -1, "5 endpoints"},
-        {99, tag_w + "10" + id_w + "05", -1, "5 endpoints announced"},
-        {98, endpoint(0) + interval_w, 0, "no address"},
-        {98, endpoint(3) + interval_w, -1, "family 3"},
-        {98, endpoint(5) + interval_w, -1, "family 5"},
-        {98, endpoint(7) + interval_w, -1, "family 7"},
-        {95, tag_w + status_w, -1, "a number below"},
-        {107, tag_w + status_w, -1, "a number above"},
+    const auto expect = [](unsigned type, const std::string &body, bool good) {
+        const bytes p = packet(static_cast<uint8_t>(type), body);
+        EXPECT_EQ(decode(p), good ? 0 : -1) << type << " " << body;
+        EXPECT_EQ(decode(sealed(p), net.k), good ? 0 : -1) << type << " " << body;
     };
-    for (const auto &l : limits) {
-        EXPECT_EQ(decode(packet(l.type, l.body)), l.result) << l.why;
-        EXPECT_EQ(decode(sealed(packet(l.type, l.body)), net.k), l.result) << l.why;
-    }
-    for (const auto &r : rows) {
-        tarn_rv_msg m = full(r.type);
+    std::string list;
+    for (unsigned v = 0; v < 256; v++, list += lan6_w) {
+        const uint8_t byte = static_cast<uint8_t>(v);
+        const std::string wire = hex(&byte, 1);
+        expect(99, tag_w + wire + id_w + "00", v >= 5 && v <= 16);
+        expect(99, tag_w + len_w + id_w + wire + list, v <= 4);
+        expect(98, wire + seen_w.substr(2) + interval_w, v == 0 || v == 4 || v == 6);
+        expect(v, tag_w + status_w, v == 106);
+        tarn_rv_msg m = full(byte);
         m.count = 4;
-        EXPECT_FALSE(encode(m, net.k).empty()) << "256 bytes hold every message";
+        EXPECT_EQ(encode(m, net.k).empty(), v < 96 || v > 106) << "256 bytes hold every message";
         m.count = 5;
-        EXPECT_TRUE(encode(m).empty()) << int{r.type};
+        EXPECT_TRUE(encode(m).empty()) << v;
     }
-    for (const uint8_t type : {uint8_t{0}, uint8_t{95}, uint8_t{107}})
-        EXPECT_TRUE(encode(full(type)).empty());
     const bytes golden = packet(106, tag_w + status_w);
-    const tarn_rv_msg m = full(106);
+    tarn_rv_msg m = full(106);
     uint8_t out[64];
     EXPECT_EQ(tarn_rv_decode(golden.data(), golden.size(), nullptr, nullptr), -1);
-    EXPECT_EQ(tarn_rv_decode(nullptr, golden.size(), nullptr, std::make_unique<tarn_rv_msg>().get()), -1);
-    EXPECT_EQ(tarn_rv_encode(nullptr, 64, nullptr, &m), 0u);
-    EXPECT_EQ(tarn_rv_encode(out, 64, nullptr, nullptr), 0u);
+    EXPECT_EQ(tarn_rv_encode(nullptr, 64, nullptr, &m) + tarn_rv_encode(out, 64, nullptr, nullptr), 0u);
+    EXPECT_EQ(tarn_rv_decode(nullptr, golden.size(), nullptr, &m), -1);
 }
 
 TEST(Rendezvous, EndpointsAreCleanedOnTheWay) {
@@ -221,74 +188,65 @@ TEST(Rendezvous, EndpointsAreCleanedOnTheWay) {
     memset(m.seen.ip + 4, 0xFF, 12);
     EXPECT_EQ(hex(encode(m)), hex(packet(98, seen_w + interval_w)))
         << "what stands behind an IPv4 address stays here";
-    m.seen = full(98).peer;
     m.seen.family = 9;
     EXPECT_EQ(hex(encode(m)), hex(packet(98, std::string(38, '0') + interval_w)));
-
-    const std::string dirty = "0d0e" + std::string(32, 'f');
-    ASSERT_EQ(decode(packet(98, "04" + dirty + interval_w), nullptr, &got), 0);
-    EXPECT_EQ(hex(got.seen.ip, 16), "ffffffff000000000000000000000000");
-    ASSERT_EQ(decode(packet(98, "00" + dirty + interval_w), nullptr, &got), 0);
-    EXPECT_EQ(hex(got.seen.ip, 16), std::string(32, 'f'));
-    EXPECT_EQ(got.seen.port, 0x0E0D);
+    for (const auto &[family, ip] :
+         {std::pair{"04", "ffffffff000000000000000000000000"}, {"00", "ffffffffffffffffffffffffffffffff"}}) {
+        ASSERT_EQ(decode(packet(98, family + ("0d0e" + std::string(32, 'f')) + interval_w), nullptr, &got),
+                  0);
+        EXPECT_EQ(hex(got.seen.ip, 16), ip);
+        EXPECT_EQ(got.seen.port, 0x0E0D);
+    }
 }
 
 TEST(Rendezvous, EqualEndpoints) {
-    const tarn_addr v4 = {4, 80, {10, 0, 0, 1}}, v6 = {6, 80, {10, 0, 0, 1}}, none = {0, 80, {10, 0, 0, 1}};
-    for (const tarn_addr &a : {v4, v6, none}) {
-        const size_t used = a.family == 4 ? 4 : 16;
-        for (size_t i = 0; i < 16; i++) {
+    for (const int family : {4, 6, 0}) {
+        const tarn_addr a = {static_cast<uint8_t>(family), 80, {10, 0, 0, 1}};
+        for (size_t i = 0; i <= 16; i++) {
             tarn_addr b = a;
             EXPECT_EQ(tarn_rv_endpoint_equal(&a, &b), 1);
-            b.ip[i] ^= 1;
-            EXPECT_EQ(tarn_rv_endpoint_equal(&a, &b), i < used ? 0 : 1) << int{a.family} << ", byte " << i;
+            (i < 16 ? b.ip[i] : b.family) ^= 1;
+            EXPECT_EQ(tarn_rv_endpoint_equal(&a, &b), family == 4 && i >= 4 && i < 16)
+                << family << ", byte " << i;
         }
         tarn_addr b = a;
         b.port = 81;
-        EXPECT_EQ(tarn_rv_endpoint_equal(&a, &b), 0);
-        EXPECT_EQ(tarn_rv_endpoint_equal(&a, nullptr), 0);
-        EXPECT_EQ(tarn_rv_endpoint_equal(nullptr, &a), 0);
+        for (const tarn_addr *other : {&b, static_cast<tarn_addr *>(nullptr)})
+            EXPECT_EQ(tarn_rv_endpoint_equal(&a, other) + tarn_rv_endpoint_equal(other, &a), 0);
     }
-    EXPECT_EQ(tarn_rv_endpoint_equal(&v4, &v6), 0);
-    EXPECT_EQ(tarn_rv_endpoint_equal(&v6, &none), 0);
 }
 
 TEST(Rendezvous, RegistrationProof) {
     const tarn_rv_msg m = full(96);
-    const bytes secret = run(1, 32),
+    const bytes secret = unhex("0102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f20"),
                 server = unhex("5714769d116bf76436ae74bc793d2c30ad1903c59ac5273805c7e2698b410c36"),
-                host = unhex("07a37cbc142093c8b755dc1b10e86cb426374ad16aa853ed0bdfc0b2b86d1c7c");
+                host = unhex("07a37cbc142093c8b755dc1b10e86cb426374ad16aa853ed0bdfc0b2b86d1c7c"),
+                low = unhex("01" + std::string(62, '0'));
     const std::string dh = "c9ea6a3f79a000b60b076d4afc990b272f3f0b5aaa3f0b8713c209273e363863",
                       proof_key = "3e356f3dee9e4ee276a229f583edd1f1321ad82e4464f6fcc236511252742863";
     tarn_addr list[7] = {m.endpoints[0], m.endpoints[1], m.seen, {}, m.seen, m.seen, m.seen};
     memset(list[0].ip + 4, 0xFF, 12); // doesn't count
-    const struct {
-        int count;
-        const char *proof;
-    } proofs[] = {
-        {-1, "87fa829f650f5eb11301344caaea8965"}, {0, "87fa829f650f5eb11301344caaea8965"},
-        {1, "c57a41ff7b7f2c0a951ed820592df836"},  {2, "61f82a726c410c29ad2c688c469ac9a1"},
-        {4, "73afc07de804e25555dd542e33300ca7"},  {7, "73afc07de804e25555dd542e33300ca7"},
-    };
+    const char *proofs[] = {"87fa829f650f5eb11301344caaea8965", "c57a41ff7b7f2c0a951ed820592df836",
+                            "61f82a726c410c29ad2c688c469ac9a1", "73afc07de804e25555dd542e33300ca7"};
     uint8_t proof[16];
-    for (const auto &p : proofs) {
+    const auto make = [&](const bytes &to, const tarn_addr *endpoints, int count) {
         wiped.clear();
-        ASSERT_EQ(
-            tarn_rv_register_proof(proof, secret.data(), server.data(), m.token, host.data(), list, p.count),
-            0);
-        EXPECT_EQ(hex(proof, 16), p.proof) << p.count;
-        for (const std::string &s : {dh, proof_key}) {
-            EXPECT_NE(std::find(wiped.begin(), wiped.end(), s), wiped.end()) << "left on the stack: " << s;
-        }
+        return tarn_rv_register_proof(proof, secret.data(), to.data(), m.token, host.data(), endpoints,
+                                      count);
+    };
+    const auto was_wiped = [](const std::string &s) {
+        return std::find(wiped.begin(), wiped.end(), s) != wiped.end();
+    };
+    for (const auto &[count, which] : {std::pair{-1, 0}, {0, 0}, {1, 1}, {2, 2}, {4, 3}, {7, 3}}) {
+        ASSERT_EQ(make(server, list, count), 0);
+        EXPECT_EQ(hex(proof, 16), proofs[which]) << count;
+        EXPECT_TRUE(was_wiped(dh) && was_wiped(proof_key)) << "left on the stack";
     }
-    ASSERT_EQ(tarn_rv_register_proof(proof, secret.data(), server.data(), m.token, host.data(), nullptr, 3),
-              0);
-    EXPECT_EQ(hex(proof, 16), proofs[0].proof);
+    ASSERT_EQ(make(server, nullptr, 3), 0);
+    EXPECT_EQ(hex(proof, 16), proofs[0]);
 
     // A server key of low order would make the proof key known to anybody.
-    const uint8_t low[32] = {1};
-    wiped.clear();
-    EXPECT_EQ(tarn_rv_register_proof(proof, secret.data(), low, m.token, host.data(), list, 1), TARN_ERR_DH);
+    EXPECT_EQ(make(low, list, 1), TARN_ERR_DH);
     EXPECT_EQ(hex(proof, 16), std::string(32, '0'));
-    EXPECT_NE(std::find(wiped.begin(), wiped.end(), std::string(64, '0')), wiped.end());
+    EXPECT_TRUE(was_wiped(std::string(64, '0')));
 }

@@ -120,9 +120,8 @@ void network::deliver(const datagram &d) {
     const auto home = homes_.find(target);
     if (home == homes_.end()) return;
     delivered++;
-    trace = trace * 1099511628211u + static_cast<uint64_t>(tarn_now_us());
-    for (uint8_t b : d.data)
-        trace = (trace ^ b) * 1099511628211u;
+    for (uint64_t what : {static_cast<uint64_t>(tarn_now_us()), uint64_t{d.to.port}, uint64_t{d.data.size()}})
+        trace = (trace ^ what) * 1099511628211u;
     home->second.who->receive(d);
 }
 

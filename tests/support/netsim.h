@@ -77,7 +77,7 @@ public:
 
     uint64_t ticks = 0;     // calls of any tick
     uint64_t delivered = 0; // datagrams that reached a node
-    uint64_t trace = 0;     // digest of all that was delivered, and when
+    uint64_t trace = 0;     // digest of what was delivered where, and when
     test_random random;
 
 private:

@@ -17,6 +17,11 @@ inline std::vector<std::string> words(const std::string &text) {
     return all;
 }
 
+template <class... Text>
+std::vector<std::string> texts(const Text &...all) {
+    return {all...};
+}
+
 // A record without a zero byte, for what must be written and what must stay as it is.
 template <class Record>
 Record dirty() {

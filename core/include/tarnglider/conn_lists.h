@@ -3,9 +3,10 @@
  * are the caller's. The lists are plain records without pointers, copied by assignment. Pure functions (but
  * for the wall clock and the random source) over records of the caller, who holds whatever lock guards them.
  *
- * Files are 8-bit text, one entry a line after a header line; keys are 64 hexadecimal digits, a name is last
- * and may hold spaces: tarnglider-clients-v1 KEY ADDED NAME tarnglider-hosts-v1 KEY LAN_ID(8 hex digits)
- * LAN_ADDR DIRECT_ADDR ADDED LAST_SEEN NAME        ("-" for no address) */
+ * Files are 8-bit text, one entry a line after a header line; keys are 64 hexadecimal digits, a name is last and may
+ * hold spaces:
+ *   tarnglider-clients-v1   KEY ADDED NAME
+ *   tarnglider-hosts-v1     KEY LAN_ID(8 hex digits) LAN_ADDR DIRECT_ADDR ADDED LAST_SEEN NAME   ("-": no address) */
 #ifndef TARNGLIDER_CONN_LISTS_H
 #define TARNGLIDER_CONN_LISTS_H
 
