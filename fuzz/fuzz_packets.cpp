@@ -1,6 +1,6 @@
-// Every plain decoder on the same input, through the rows of the codec's tests: what a decoder takes must encode to the
-// same bytes again, and a chunk must lie in the packet to its end. The two handshake readers that meet strangers' bytes
-// run too, with a fixed key.
+// Every plain decoder on the same input, through the rows of the codec's tests: what a decoder takes must
+// encode to the same bytes again, and a chunk must lie in the packet to its end. The two handshake readers
+// that meet strangers' bytes run too, with a fixed key.
 #include <stdlib.h>
 
 #include <tarnglider/secure.h>

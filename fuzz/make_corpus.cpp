@@ -1,6 +1,6 @@
-// Writes the fuzzers' seeds: valid input of every kind, built by the library's own encoders, so that a fuzzer starts
-// behind the first checks. Usage: make_corpus DIR; the seeds of a fuzzer lie in DIR/NAME. Keys and nonces are fixed
-// where a fuzzer must know them and don't matter elsewhere; the random source is the seeded one of the tests.
+// Writes the fuzzers' seeds: valid input of every kind, so that a fuzzer starts behind the first checks.
+// Usage: make_corpus DIR; the seeds of a fuzzer lie in DIR/NAME. Keys and nonces are fixed where a fuzzer
+// must know them and don't matter elsewhere; the random source is the seeded one of the tests.
 #include <tarnglider/tarnglider.h>
 
 #include <cstdio>
@@ -158,6 +158,21 @@ void video() {
     }
 }
 
+// Steps of the engines' fuzzers (engine_input.h): data, a flagged probe from elsewhere, a handshake and a rekey, time.
+void engines() {
+    const bytes probe = {2 | 8, TARN_PKT_PROBE, 1, 12, 1, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8};
+    bytes session = {2, TARN_PKT_INPUT, 0, 3, 1, 2, 3, 6, 5, 20, 1, 1, TARN_PKT_DISCOVER, 0, 4, 1, 2, 3, 4};
+    session.insert(session.end(), probe.begin(), probe.end());
+    for (const char *fuzzer : {"fuzz_host", "fuzz_client"}) {
+        seed(fuzzer, "session", session);
+        seed(fuzzer, "reject", bytes{1 | 16, TARN_PKT_HS_REJECT, 0, 1, 2});
+        seed(fuzzer, "silence", bytes{7, 250, 250, 2, TARN_PKT_INPUT, 0, 0, 7, 250, 250});
+    }
+    seed("fuzz_host", "rekey", bytes{3, 4 | 0x80, 1, 2, TARN_PKT_INPUT, 0, 0, 7, 21, 250, 3, 4 | 0x80, 1, 6});
+    seed("fuzz_client", "rekey",
+         bytes{4, 7, 1, 1, 3, 7, 1, 1, 4, 2 | 0x80, TARN_PKT_INPUT, 0, 0, 7, 21, 250});
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
@@ -170,6 +185,7 @@ int main(int argc, char **argv) {
     relays();
     lists();
     video();
+    engines();
     std::printf("%d seeds\n", written);
     return 0;
 }

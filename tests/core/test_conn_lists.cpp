@@ -1,4 +1,4 @@
-// Identity text, display names and the two device lists: what their texts hold, and how far a damaged text is taken.
+// Identity text, display names and the two device lists: what texts hold, and how far a damaged one is taken.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -224,19 +224,20 @@ TEST(ConnLists, HostsArePutWhole) {
         return tarn_host_list_put(&l, &e);
     };
     for (int i = 0; i < 32; i++)
-        EXPECT_EQ(put(i + 1, static_cast<uint32_t>(i / 2), i == 1 ? 0 : 77), i);
+        EXPECT_EQ(put(i + 1, static_cast<uint32_t>(1 + i / 2), i == 1 ? 0 : 77), i);
     EXPECT_STREQ(l.entries[0].name, "h ");
     EXPECT_EQ(l.entries[0].added, 77u);
     EXPECT_EQ(l.entries[1].added, 1790000000u) << "no time given: now";
-    EXPECT_EQ(tarn_host_list_find_lan_id(&l, 15), 30) << "the first of two";
-    EXPECT_EQ(tarn_host_list_find_lan_id(&l, 16), -1);
-    EXPECT_EQ(tarn_host_list_find_lan_id(&l, 0), -1) << "0 is nobody's";
+    EXPECT_EQ(tarn_host_list_find_lan_id(&l, 1), 0) << "the first of two";
+    EXPECT_EQ(tarn_host_list_find_lan_id(&l, 16), 30);
+    EXPECT_EQ(tarn_host_list_find_lan_id(&l, 17), -1);
 
     EXPECT_EQ(put(40, 1, 1), -1);
     virtual_clock::advance(1000000);
     EXPECT_EQ(put(3, 0, 0), 2);
     EXPECT_EQ(l.entries[2].added, 1790000001u) << "an update without its old time starts anew";
     EXPECT_EQ(l.entries[2].lan_id, 0u) << "overwritten whole";
+    EXPECT_EQ(tarn_host_list_find_lan_id(&l, 0), -1) << "0 is nobody's";
     EXPECT_EQ(l.entries[2].lan_addr.port + l.entries[2].last_seen, 14u);
     EXPECT_EQ(tarn_host_list_put(&l, &l.entries[0]), 0) << "an entry of the list itself";
     EXPECT_STREQ(l.entries[0].name, "h ");

@@ -1,4 +1,4 @@
-// Relay links, records, lists and their file text: what is accepted, what is refused, and that a refusal leaves no key.
+// Relay links, records, lists and their file text: what is taken or refused, and that then no key is left.
 #include <gtest/gtest.h>
 
 #include <tarnglider/conn_relay.h>
@@ -156,6 +156,7 @@ TEST(ConnRelay, TheListIsKeyedByHostAndPort) {
     EXPECT_EQ(add(&c, "S3#new"), 3);
     EXPECT_EQ(tarn_relay_config_add_link(&c, "nonsense"), -1);
     EXPECT_EQ(key_of(c.servers[3]), "new");
+    EXPECT_EQ(tarn_relay_server_same(&c.servers[3], &c.servers[3]), 1);
     EXPECT_EQ(hosts(c), "s0 s1 s2 S3 s4 s5 s6 s7 ");
     for (const int index : {8, -1})
         EXPECT_EQ(tarn_relay_config_remove(&c, index), -1);
@@ -197,7 +198,7 @@ TEST(ConnRelay, SaveFitsWholeOrLeavesAWipedBuffer) {
     EXPECT_EQ(tarn_relay_config_save(&c, buf, 22), 21u);
     EXPECT_STREQ(buf, H.c_str());
     EXPECT_EQ(tarn_relay_config_save(nullptr, buf, 22), 21u);
-    // Every byte of the last key is escaped, so that the worst case is the real one and the line feed decides.
+    // The last key is escaped throughout: the worst case is the real one, and the line feed decides.
     EXPECT_EQ(add(&c, "a#key") + add(&c, "b#%00%01"), 1);
     const std::string want = H + S + "a:9877#key\n" + S + "b:9877#%00%01\n";
     for (size_t cap = 22; cap <= want.size() + 1; cap++) {

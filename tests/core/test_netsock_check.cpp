@@ -216,7 +216,7 @@ TEST(RelayCheck, OnlyTheServersOwnAnswerCounts) {
         {"a question that was not sent yet", {.tag = 1}},
         {"a tag below the first question's", {.tag = UINT32_MAX}},
         {"the question itself come back", {.type = TARN_RV_LOOKUP}},
-        {"an answer to something else", {.type = TARN_RV_CHALLENGE}},
+        {"an introduction", {.type = TARN_RV_INTRODUCE}},
     };
     for (const auto &row : rows) {
         for (const bool good_behind : {false, true}) {

@@ -1,5 +1,5 @@
-// The packet codec against golden bytes, every truncation, every flipped bit, every foreign type, and the limits of
-// each variable part.
+// The packet codec against golden bytes, every truncation, every flipped bit, every foreign type, and the
+// limits of each variable part.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -167,6 +167,7 @@ TEST(Rendezvous, LimitsOfFields) {
         const std::string wire = hex(&byte, 1);
         expect(99, tag_w + wire + id_w + "00", v >= 5 && v <= 16);
         expect(99, tag_w + len_w + id_w + wire + list, v <= 4);
+        expect(99, tag_w + len_w + id_w + wire, v == 0);
         expect(98, wire + seen_w.substr(2) + interval_w, v == 0 || v == 4 || v == 6);
         expect(v, tag_w + status_w, v == 106);
         tarn_rv_msg m = full(byte);

@@ -1,5 +1,5 @@
-// One row for each plain packet: its golden bytes, computed by a script of struct.pack calls, and the way there and
-// back. The codec's tests, its fuzzer and the fuzzer's seeds read the same rows.
+// One row for each plain packet: its golden bytes, computed by a script of struct.pack calls, and the way
+// there and back. The codec's tests, its fuzzer and the fuzzer's seeds read the same rows.
 #ifndef TEST_PACKET_ROWS_H
 #define TEST_PACKET_ROWS_H
 
@@ -35,8 +35,8 @@ struct packet_row {
     packet_kind what;
     bytes golden;
     std::function<size_t(uint8_t *out, size_t cap, const tarn_header *)> encode = {};
-    // Decodes, then encodes what came out: empty if the decoder refused, `broken` if one of the two went astray,
-    // a missed null argument among it.
+    // Decodes, then encodes what came out: empty if the decoder refused, `broken` if one of the two went
+    // astray or took a null argument.
     std::function<bytes(const bytes &, const tarn_header *)> echo_with = {};
 
     bytes echo(const bytes &p) const {
@@ -91,9 +91,9 @@ packet_row fields(uint8_t type, packet_kind what, const char *body, Encode encod
                 const void *const at[] = {&f..., nullptr};
                 return decode(p.data(), p.size(), (&f == at[missing] ? nullptr : out(f))...);
             };
-            const bool refused = std::apply(call, v) != 0;
-            if (refused && missing == sizeof...(V)) return bytes();
-            if (!refused && missing < sizeof...(V)) return broken;
+            const int result = std::apply(call, v);
+            if (result != -1 && (result != 0 || missing < sizeof...(V))) return broken;
+            if (result != 0 && missing == sizeof...(V)) return bytes();
         }
         if constexpr (std::is_invocable_v<Encode, uint8_t *, size_t, const tarn_header *, std::nullptr_t>) {
             if (encode(o.data(), o.size(), h, nullptr) != 0) return broken;
@@ -118,8 +118,9 @@ packet_row chunked(uint8_t type, const char *body, Encode encode,
         const uint8_t *data = nullptr;
         size_t size = 0;
         bytes o(p.size() + 1024);
-        if (decode(p.data(), p.size(), nullptr, &data, &size) == 0) return broken;
-        if (decode(p.data(), p.size(), &v, nullptr, nullptr) != 0) return bytes();
+        if (decode(p.data(), p.size(), nullptr, &data, &size) != -1) return broken;
+        const int result = decode(p.data(), p.size(), &v, nullptr, nullptr);
+        if (result != 0) return result == -1 ? bytes() : broken;
         decode(p.data(), p.size(), &v, &data, &size);
         if (data + size != p.data() + p.size() || encode(o.data(), o.size(), h, nullptr, data, size) != 0 ||
             encode(o.data(), o.size(), h, &v, nullptr, size) != (size ? 0 : p.size())) {
@@ -131,7 +132,7 @@ packet_row chunked(uint8_t type, const char *body, Encode encode,
     return r;
 }
 
-// The encoder of single values takes the type from the header; switches are read as they stand and written as 0 or 1.
+// Single values take their type from the header; switches are read as they stand and written as 0 or 1.
 inline auto value_encoder(uint8_t type) {
     return [=](uint8_t *to, size_t cap, const tarn_header *h, uint32_t value) {
         const tarn_header mine = h ? tarn_header{type, h->flags, h->session} : tarn_header{};
