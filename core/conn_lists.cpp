@@ -139,7 +139,8 @@ static bool read_entry(tarn_host_entry *e, char *line) {
     const char *name;
     if (!split(line, f, 6, &name) || tarn_hex_decode(e->key, sizeof e->key, f[0]) != 0) return false;
     const unsigned long long id = strtoull(f[1], nullptr, 16);
-    e->lan_id = static_cast<uint32_t>(id < UINT32_MAX ? id : UINT32_MAX); // the same wherever a long has 64 bits
+    e->lan_id =
+        static_cast<uint32_t>(id < UINT32_MAX ? id : UINT32_MAX); // the same wherever a long has 64 bits
     if (!read_address(&e->lan_addr, f[2]) || !read_address(&e->direct_addr, f[3])) return false;
     e->added = read_number(f[4]);
     e->last_seen = read_number(f[5]);
