@@ -69,7 +69,11 @@ void conn_base_init(conn_base *b, const tarn_keypair *id, const char *name, cons
     b->log = log;
     b->user = user;
     b->server_count = conn_servers_load(b->servers, relays);
-    b->lan_count = lan_count < 0 ? 0 : lan_count > TARN_LAN_MAX ? TARN_LAN_MAX : lan_count;
+    conn_set_lan(b, lan, lan_count);
+}
+
+void conn_set_lan(conn_base *b, const tarn_addr *lan, int count) {
+    b->lan_count = count < 0 ? 0 : count > TARN_LAN_MAX ? TARN_LAN_MAX : count;
     for (int i = 0; i < b->lan_count; i++)
         b->lan[i] = lan[i];
 }
@@ -134,10 +138,33 @@ void conn_send_server(conn_base *b, int server, const tarn_rv_msg *m) {
     conn_send_rv(b, &to->addr, m, to->net_key);
 }
 
+void conn_send_bind(conn_base *b, int server, uint32_t allocation, const uint8_t token[16], uint8_t side) {
+    tarn_rv_msg m = {};
+    m.type = TARN_RV_BIND;
+    m.allocation = allocation;
+    memcpy(m.token, token, sizeof m.token);
+    m.side = side;
+    conn_send_server(b, server, &m);
+}
+
 void conn_send_sealed(conn_base *b, const tarn_addr *to, tarn_session *keys, const uint8_t *plain,
                       size_t len) {
     uint8_t packet[64 + TARN_SEAL_OVERHEAD];
     conn_send(b, to, packet, tarn_seal(keys, plain, len, packet, sizeof packet));
+}
+
+int conn_candidates(tarn_addr out[conn_candidates_max], const tarn_rv_msg *m) {
+    int count = 0;
+    if (m->peer.family != 0) out[count++] = m->peer;
+    for (int i = 0; i < m->count && i < TARN_LAN_MAX; i++) {
+        const tarn_addr *endpoint = &m->endpoints[i];
+        bool listed = false;
+        for (int k = 0; k < count; k++) {
+            if (tarn_rv_endpoint_equal(&out[k], endpoint)) listed = true;
+        }
+        if (endpoint->family != 0 && !listed) out[count++] = *endpoint;
+    }
+    return count;
 }
 
 int conn_server_index(const conn_base *b, const tarn_addr *from) {

@@ -54,9 +54,10 @@ static void start_session(client_session *s, uint64_t now) {
     s->next_hs_us = now;
 }
 
-static void start_connect(tarn_client *c, uint64_t now) {
+void start_connect(tarn_client *c, uint64_t now) {
     c->mode = CLIENT_CONNECT;
     if (c->sessions[0].state == SESSION_FREE) start_session(&c->sessions[0], now);
+    reset_lookups(c, now);
 }
 
 int tarn_client_connect(tarn_client *c) {
@@ -71,8 +72,12 @@ int tarn_client_open_session(tarn_client *c) {
     if (!c->host_key_known) return -1;
     for (client_session &s : c->sessions) {
         if (s.state != SESSION_FREE) continue;
-        start_session(&s, conn_now());
-        c->mode = CLIENT_CONNECT;
+        const uint64_t now = conn_now();
+        start_session(&s, now);
+        if (c->mode == CLIENT_IDLE) {
+            c->mode = CLIENT_CONNECT;
+            reset_lookups(c, now);
+        }
         return 0;
     }
     return -1;
@@ -91,13 +96,25 @@ void tarn_client_session_close(tarn_client *c, uint32_t session) {
         }
     }
     if (any_left) return;
+    if (c->mode == CLIENT_PAIR) end_pairing(c);
     c->mode = CLIENT_IDLE;
     c->first_up_us = 0;
     c->active_path = -1;
 }
 
 static int receive_plain(tarn_client *c, const client_packet &p) {
-    switch (p.data[2]) {
+    const uint8_t type = p.data[2];
+    if (type >= 96 && type <= 111) {
+        client_rendezvous(c, p);
+        return TARN_RECV_NONE;
+    }
+    switch (type) {
+    case TARN_PKT_PAIR_RESP:
+    case TARN_PKT_PAIR_DONE:
+    case TARN_PKT_PAIR_FAIL:
+    case TARN_PKT_HOST_INFO:
+        client_pairing_message(c, p);
+        return TARN_RECV_NONE;
     case TARN_PKT_DISCOVER_REPLY:
         return TARN_RECV_PLAIN;
     case TARN_PKT_HS_RESP:
@@ -152,11 +169,16 @@ int tarn_client_tick(tarn_client *c) {
     const uint64_t now = conn_now();
     conn_wake wake(now);
     bool hurry = false;
+    if (c->mode == CLIENT_PAIR) {
+        client_pairing_tick(c, now, &wake);
+        hurry = true;
+    }
     if (c->mode != CLIENT_IDLE && c->host_key_known) {
         for (client_session &s : c->sessions) {
             if (session_work(c, &s, now, &wake)) hurry = true;
         }
     }
+    if (servers_tick(c, now, &wake)) hurry = true;
     if (first_established(c)) {
         probe_paths(c, now, &wake);
         choose_path(c, now);

@@ -1,12 +1,13 @@
 // The client engine's record and the functions that its sources share. The engine's lock is held in all of them.
 //
-//   mode       0 idle, 2 connecting or connected
+//   mode       0 idle, 1 pairing, 2 connecting or connected
 //   session    free -> connecting -> established; on an established session a rekey goes
 //              idle -> handshake pending (hs_pending) -> waiting for the ack (have_next) -> idle with have_previous
 #ifndef TARN_CONN_CLIENT_INTERNAL_H
 #define TARN_CONN_CLIENT_INTERNAL_H
 
 #include <tarnglider/conn_client.h>
+#include <tarnglider/secure_pair.h>
 
 #include "conn_internal.h"
 
@@ -19,7 +20,15 @@ constexpr uint64_t reject_quiet_us = 2 * conn_second_us; // between two reports 
 constexpr uint64_t hurry_us = 50 * conn_ms_us;           // longest sleep while things are being decided
 constexpr uint64_t rtt_largest_us = 10 * conn_second_us;
 
-enum { CLIENT_IDLE = 0, CLIENT_CONNECT = 2 };
+constexpr uint64_t lookup_retry_us = 1 * conn_second_us;
+constexpr uint64_t lookup_failed_us = 3 * conn_second_us; // after a server's failure
+constexpr int lookup_tries_max = 12;
+constexpr uint64_t pair_retry_us = 500 * conn_ms_us;
+constexpr uint64_t pair_timeout_us = 15 * conn_second_us;
+
+enum { CLIENT_IDLE = 0, CLIENT_PAIR = 1, CLIENT_CONNECT = 2 };
+enum { LOOKUP_IDLE = 0, LOOKUP_ASKED = 1, LOOKUP_FOUND = 2 };
+enum { PAIR_SEARCHING = 0, PAIR_INIT_SENT = 2, PAIR_CONFIRM_SENT = 3 };
 enum { SESSION_FREE = 0, SESSION_CONNECTING = 1, SESSION_ESTABLISHED = 2 };
 
 struct client_path {
@@ -55,6 +64,46 @@ struct client_session {
     uint8_t hs_reply[TARN_HS_RESP_SIZE];
 };
 
+// The search for the host on the rendezvous server of the same number.
+struct server_lookup {
+    uint32_t state;
+    uint32_t failure_logged;
+    uint32_t bound; // the relay binding was confirmed
+    int32_t tries;  // lookups sent
+    uint32_t tag;   // random request number; the same for a whole search
+    uint32_t allocation;
+    uint32_t rtt_us;
+    uint64_t next_lookup_us;
+    uint64_t sent_us;
+    uint64_t punch_until_us;
+    uint64_t next_punch_us;
+    uint64_t next_bind_us;
+    uint8_t relay_token[16];
+    uint8_t punch_token[16];
+    tarn_addr candidates[conn_candidates_max];
+    int32_t candidate_count;
+};
+
+struct client_pairing {
+    char secret[256];          // PIN or password as typed; wiped on every end of pairing
+    uint32_t pair_kind;        // what the caller asked for
+    uint32_t pair_method;      // what is being tried
+    uint32_t password_derived; // the password's key was derived in this pairing
+    uint32_t pair_phase;
+    uint32_t pair_nonce; // of the host query
+    uint64_t next_pair_send_us;
+    uint64_t pair_deadline_us;
+    tarn_addr pair_host_addr; // who answered, and what it said
+    uint8_t pair_host_flags;
+    uint8_t pair_salt[16];
+    uint8_t pair_host_key[32];
+    uint32_t pair_blocks;
+    uint32_t pair_passes;
+    tarn_pair pair;
+    uint8_t pair_msg[TARN_PAIR_MESSAGE_MAX]; // the first message, for repeats
+    size_t pair_msg_len;
+};
+
 struct tarn_client {
     conn_base base;
     uint32_t host_key_known;
@@ -73,8 +122,11 @@ struct tarn_client {
     uint64_t first_up_us;
     uint64_t last_switch_us;
     client_session sessions[TARN_CLIENT_SESSIONS_MAX];
+    server_lookup lookups[conn_servers_max];
     uint32_t probe_seq; // shared by all paths
+    uint32_t punch_counter;
     uint64_t last_reject_us;
+    client_pairing pairing;
 };
 
 // One datagram on its way through the engine, with the caller's outputs.
@@ -100,7 +152,21 @@ void send_probe(tarn_client *c, client_session *s, int index, uint64_t now);
 void probe_paths(tarn_client *c, uint64_t now, conn_wake *wake);
 void choose_path(tarn_client *c, uint64_t now);
 
+// Servers.
+bool code_matches(const tarn_client *c, const uint8_t key[32]);
+void reset_lookups(tarn_client *c, uint64_t now);
+void client_rendezvous(tarn_client *c, const client_packet &p);
+// What the servers have due; true while it wants short ticks.
+bool servers_tick(tarn_client *c, uint64_t now, conn_wake *wake);
+
+// Pairing.
+void end_pairing(tarn_client *c);
+void send_query(tarn_client *c, int index);
+void client_pairing_message(tarn_client *c, const client_packet &p);
+void client_pairing_tick(tarn_client *c, uint64_t now, conn_wake *wake);
+
 // Sessions.
+void start_connect(tarn_client *c, uint64_t now);
 client_session *first_established(tarn_client *c);
 void hs_send(tarn_client *c, client_session *s, uint64_t now);
 void handshake_response(tarn_client *c, const client_packet &p);

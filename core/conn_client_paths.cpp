@@ -85,6 +85,7 @@ void path_kick(tarn_client *c, int index, uint64_t now) {
         send_probe(c, s, index, now);
         p->next_probe_us = now + probe_search_us;
     }
+    send_query(c, index);
 }
 
 static uint64_t probe_interval(const tarn_client *c, int index, uint64_t now) {

@@ -1,5 +1,6 @@
 // The host engine's face: create and destroy, the dispatch of received datagrams, sealing, and the order of work in a
-// tick. Handshakes and sessions are in conn_host_sessions.cpp. Every exported call holds the engine's lock.
+// tick. Handshakes and sessions are in conn_host_sessions.cpp, pairing in conn_host_pairing.cpp, servers in
+// conn_host_rendezvous.cpp. Every exported call holds the engine's lock.
 #include "conn_host_internal.h"
 
 #include <stdlib.h>
@@ -23,13 +24,19 @@ bool rate_allow(rate_bucket *bucket, rate_limit limit, uint64_t now) {
     return true;
 }
 
-tarn_host *tarn_host_create(const tarn_host_config *c, const tarn_client_list *clients, const char *) {
+static int32_t or_default(int32_t value, int32_t standard) { return value > 0 ? value : standard; }
+
+tarn_host *tarn_host_create(const tarn_host_config *c, const tarn_client_list *clients,
+                            const char *stored_password) {
     if (!c || !c->send) return nullptr;
     tarn_host *h = static_cast<tarn_host *>(calloc(1, sizeof *h));
     if (!h) return nullptr;
     conn_base_init(&h->base, &c->identity, c->name, &c->relays, c->lan, c->lan_count, c->send, c->log,
                    c->user);
     h->allow_plain = c->allow_plain;
+    h->pairing.pin_attempts = or_default(c->pin_attempts, 10);
+    h->pairing.password_attempts = or_default(c->password_attempts, 10);
+    h->pairing.lockout_us = static_cast<uint64_t>(or_default(c->lockout_s, 600)) * conn_second_us;
     for (int i = 0; clients && i < clients->count && i < host_clients_max; i++) {
         const tarn_client_entry *from = &clients->entries[i];
         host_client *to = &h->clients[i];
@@ -40,6 +47,14 @@ tarn_host *tarn_host_create(const tarn_host_config *c, const tarn_client_list *c
     }
     for (crypto_slot &slot : h->slots)
         slot.link = -1;
+    load_password(h, stored_password);
+    const bool have_pin = new_pin(h);
+    if (have_pin && !h->clients[0].active) {
+        h->pairing.open = 1; // with no deadline: a fresh host is there to be paired with
+    } else {
+        tarn_secure_wipe(h->pairing.pin, sizeof h->pairing.pin);
+    }
+    register_all_anew(h, conn_now());
     return h;
 }
 
@@ -63,11 +78,25 @@ static void refuse_hello(tarn_host *h, const host_packet &p) {
 // A plain packet, by type. 80 to 95 is the secure channel's own range: what it doesn't use never gets to the caller.
 static int receive_plain(tarn_host *h, const host_packet &p) {
     const uint8_t type = p.data[2];
-    if (type == TARN_PKT_HS_INIT) {
+    switch (type) {
+    case TARN_PKT_PAIR_CONFIRM:
+        host_pair_confirm(h, p);
+        return TARN_RECV_NONE;
+    case TARN_PKT_HOST_QUERY:
+        host_query(h, p);
+        return TARN_RECV_NONE;
+    case TARN_PKT_HS_INIT:
         host_handshake(h, p);
         return TARN_RECV_NONE;
+    case TARN_PKT_PAIR_INIT:
+        host_pair_init(h, p);
+        return TARN_RECV_NONE;
+    case TARN_PKT_DISCOVER:
+        return TARN_RECV_PLAIN;
+    default:
+        break;
     }
-    if (type == TARN_PKT_DISCOVER) return TARN_RECV_PLAIN;
+    if (type >= 96 && type <= 111) host_rendezvous(h, p);
     if (type >= 80 && type <= 111) return TARN_RECV_NONE;
     if (h->allow_plain) return TARN_RECV_PLAIN;
     if (type == TARN_PKT_HELLO) refuse_hello(h, p);
@@ -93,8 +122,10 @@ int tarn_host_receive(tarn_host *h, const uint8_t *pkt, size_t len, const tarn_a
 
 int tarn_host_tick(tarn_host *h) {
     const conn_guard held(&h->base.lock);
-    const conn_wake wake(conn_now());
+    conn_wake wake(conn_now());
+    pairing_tick(h, wake.now);
     host_expire(h, wake.now);
+    rendezvous_tick(h, wake.now, &wake);
     return wake.result(conn_tick_max_us);
 }
 

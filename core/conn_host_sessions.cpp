@@ -13,7 +13,7 @@ int find_link(const tarn_host *h, uint32_t session) {
     return -1;
 }
 
-static int find_client(const tarn_host *h, const uint8_t key[32]) {
+int find_client(const tarn_host *h, const uint8_t key[32]) {
     for (int i = 0; i < host_clients_max; i++) {
         if (h->clients[i].active && memcmp(h->clients[i].key, key, 32) == 0) return i;
     }
@@ -28,7 +28,7 @@ static int find_slot(const tarn_host *h, uint32_t id) {
     return -1;
 }
 
-static void free_slot(tarn_host *h, int index) {
+void free_slot(tarn_host *h, int index) {
     if (index < 0) return;
     tarn_secure_wipe(&h->slots[index], sizeof h->slots[index]);
     h->slots[index].link = -1;
@@ -190,7 +190,8 @@ struct opened_packet {
 
 static int classify(const tarn_host *h, const tarn_addr *addr) {
     if (conn_server_index(&h->base, addr) >= 0) return TARN_PATH_RELAY;
-    return tarn_addr_path_class(addr);
+    if (tarn_addr_path_class(addr) == TARN_PATH_LAN) return TARN_PATH_LAN;
+    return is_punch_candidate(h, addr) ? TARN_PATH_P2P : TARN_PATH_DIRECT;
 }
 
 // Turns a link's traffic to the source of a packet. Without force an older packet that arrives late, from an address

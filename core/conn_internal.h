@@ -34,6 +34,18 @@ constexpr uint64_t conn_retry_us = 250 * conn_ms_us;
 // How long keys that a rekey replaced still open packets in flight.
 constexpr uint64_t conn_old_keys_us = 5 * conn_second_us;
 
+// Punching: a packet to every candidate each 50 ms for 2.5 seconds. Relay bindings: repeated until confirmed, then kept
+// alive. Candidates are the peer's public endpoint and its LAN endpoints.
+constexpr uint64_t conn_punch_us = 50 * conn_ms_us;
+constexpr uint64_t conn_punch_for_us = 2500 * conn_ms_us;
+constexpr uint64_t conn_bind_retry_us = 1 * conn_second_us;
+constexpr uint64_t conn_bind_keep_us = 15 * conn_second_us;
+constexpr int conn_candidates_max = 1 + TARN_LAN_MAX;
+
+// Who sends a punch or binds, and what a host says of its pairing in answer to a query.
+enum { CONN_SIDE_HOST = 0, CONN_SIDE_CLIENT = 1 };
+enum { CONN_INFO_PIN = 1, CONN_INFO_PASSWORD = 2, CONN_INFO_LOCKED = 4 };
+
 // Sizes of the small packets that keep paths and rekeys going, plain.
 constexpr size_t conn_probe_size = 20;
 constexpr size_t conn_rekey_size = 12;
@@ -79,6 +91,9 @@ void conn_blake2b16(uint8_t out[16], const uint8_t *data, size_t len);
 void conn_base_init(conn_base *b, const tarn_keypair *id, const char *name, const tarn_relay_config *relays,
                     const tarn_addr *lan, int lan_count, tarn_send_fn send, tarn_log_fn log, void *user);
 
+// Replaces the LAN endpoints; those beyond 4 are ignored.
+void conn_set_lan(conn_base *b, const tarn_addr *lan, int count);
+
 // Loads the server table from a relay configuration, dropping entries that are not valid. Returns their number.
 int conn_servers_load(conn_server out[conn_servers_max], const tarn_relay_config *relays);
 
@@ -100,9 +115,14 @@ void conn_send(conn_base *b, const tarn_addr *to, const uint8_t *data, size_t le
 void conn_send_rv(conn_base *b, const tarn_addr *to, const tarn_rv_msg *m, const uint8_t *key);
 // The same to a server, with its key; nothing for a number out of range or a server without an address.
 void conn_send_server(conn_base *b, int server, const tarn_rv_msg *m);
+// Ties this socket's address to a relay allocation of a server.
+void conn_send_bind(conn_base *b, int server, uint32_t allocation, const uint8_t token[16], uint8_t side);
 // Seals a plain packet of at most 64 bytes and sends it.
 void conn_send_sealed(conn_base *b, const tarn_addr *to, tarn_session *keys, const uint8_t *plain,
                       size_t len);
+
+// The peer's endpoints in a lookup reply or introduction: public one first, none without a family, no LAN endpoint twice.
+int conn_candidates(tarn_addr out[conn_candidates_max], const tarn_rv_msg *m);
 
 // Number of the first server at this address, or -1.
 int conn_server_index(const conn_base *b, const tarn_addr *from);

@@ -67,6 +67,27 @@ TARN_API tarn_client *tarn_client_create(const tarn_client_config *c);
 /* Wipes and frees the engine; null is allowed. No other call may be under way. */
 TARN_API void tarn_client_destroy(tarn_client *c);
 
+/* Kinds of a pairing secret for tarn_client_pair beside TARN_SECRET_PIN and TARN_SECRET_PASSWORD, and the reasons of
+ * TARN_EV_PAIR_FAILED. */
+enum {
+    TARN_PAIR_AUTOMATIC = 0, /* six digits are tried as a PIN, then as a password; all else is a password */
+    TARN_PAIR_REASON_SECRET = 1,      /* wrong PIN or password */
+    TARN_PAIR_REASON_LOCKED = 2,      /* too many attempts */
+    TARN_PAIR_REASON_UNAVAILABLE = 3, /* the host doesn't pair that way now */
+    TARN_PAIR_REASON_WRONG_HOST = 4,  /* its key doesn't match the code or key that was given */
+    TARN_PAIR_REASON_NO_ANSWER = 5    /* no answer, or a failure on this side */
+};
+
+/* Starts to pair with the host that answers first on the candidates and server paths and, where a key or code was
+ * given, has it. `secret` (1 to 255 bytes, terminated) is copied and wiped when pairing ends; `kind` is 0, 1 or 2. The
+ * end is TARN_EV_CLIENT_PAIRED, and a session is opened with no further call, or TARN_EV_PAIR_FAILED. Returns 0, or
+ * -1 for a bad argument. One receive may take as long as the derivation of a password key with up to 256 MiB. */
+TARN_API int tarn_client_pair(tarn_client *c, const char *secret, int kind);
+
+/* Takes the result of a name resolution of a server: `addr` null, or without family, if it failed. */
+TARN_API void tarn_client_server_resolved(tarn_client *c, const char *name, uint16_t port,
+                                          const tarn_addr *addr);
+
 /* Adds an endpoint at which the host may be. `path` is TARN_PATH_LAN (believed only of an address that is of that
  * class), TARN_PATH_DIRECT, or anything else: the address decides. Returns 0, or -1 if `addr` is null or has no
  * family or port, or 16 paths are known. Paths are kept until the engine is destroyed. */
@@ -78,7 +99,8 @@ TARN_API int tarn_client_connect(tarn_client *c);
 /* Starts one more session. Returns 0, or -1 without the host's key or with 4 sessions taken. */
 TARN_API int tarn_client_open_session(tarn_client *c);
 
-/* Ends a session, or all of them with 0. Nothing is sent: the host lets it expire. */
+/* Ends a session, or all of them with 0. Nothing is sent: the host lets it expire. Pairing ends, too, if no session
+ * is left. */
 TARN_API void tarn_client_session_close(tarn_client *c, uint32_t session);
 
 /* Takes one datagram; parameters and results as in tarn_host_receive. */

@@ -77,6 +77,80 @@ TARN_API int tarn_host_session_info_get(tarn_host *h, uint32_t session, tarn_ses
 /* Ends a session at once. No packet tells the client, no event the caller. */
 TARN_API void tarn_host_session_close(tarn_host *h, uint32_t session);
 
+/* ---- Pairing: a PIN while a window is open, a password at any time once set ---- */
+
+enum { TARN_PASSWORD_LINE_SIZE = 160 };
+
+typedef struct tarn_host_pairing_state {
+    uint32_t open;
+    char pin[8];           /* six digits, terminated; empty while closed */
+    char code[12];         /* the host's key code */
+    uint32_t seconds_left; /* rounded up; 0 when closed, or open with no deadline */
+    uint32_t password_set;
+    uint32_t password_locked;
+} tarn_host_pairing_state;
+
+/* Opens the pairing window for some seconds (0: 120) with a new PIN; an open one starts over. Without random bytes it
+ * closes. */
+TARN_API void tarn_host_pairing_open(tarn_host *h, uint32_t seconds);
+
+/* Closes the window if it is open. */
+TARN_API void tarn_host_pairing_close(tarn_host *h);
+
+TARN_API void tarn_host_pairing_status(tarn_host *h, tarn_host_pairing_state *out);
+
+/* Sets the pairing password, lifting a lock. `line`, at least 160 bytes, receives the stored form for the next
+ * tarn_host_create: "tarnglider-pw1", salt, cost and derived key; it is secret data. Takes as long as Argon2id with 64
+ * MiB, without holding the engine up. Returns 0, or -1 for a null or empty password, too little room, or want of memory
+ * or random bytes, with nothing changed. */
+TARN_API int tarn_host_set_password(tarn_host *h, const char *password, char *line, size_t line_cap);
+
+TARN_API void tarn_host_clear_password(tarn_host *h);
+
+/* Trusts a client without an exchange, or renames it; a first-run window closes. `name` may be null. Returns 0, or -1
+ * when the list is full. */
+TARN_API int tarn_host_add_client(tarn_host *h, const uint8_t key[32], const char *name);
+
+/* Forgets a client and ends its sessions at once. Returns 0, or -1 for an unknown key. */
+TARN_API int tarn_host_remove_client(tarn_host *h, const uint8_t key[32]);
+
+/* Copies the trusted clients, for the caller to save. */
+TARN_API void tarn_host_export_clients(tarn_host *h, tarn_client_list *out);
+
+/* ---- Rendezvous servers ---- */
+
+enum {
+    TARN_SERVER_NO_ADDRESS = 0,
+    TARN_SERVER_UNRESOLVED = 1, /* its name did not resolve */
+    TARN_SERVER_REGISTERING = 2,
+    TARN_SERVER_SILENT = 3, /* three or more tries without an answer */
+    TARN_SERVER_REGISTERED = 4,
+    TARN_SERVER_ERROR = 5 /* it reported the error `error` */
+};
+
+typedef struct tarn_server_status {
+    tarn_addr addr; /* the server's, family 0 until known */
+    uint32_t registered;
+    tarn_addr public_addr; /* this host's endpoint as the server sees it */
+    uint32_t rtt_us;
+    int32_t status; /* TARN_SERVER_* */
+    int32_t error;  /* 0 or the server's status number */
+    uint16_t port;
+    char host[TARN_RELAY_HOST_SIZE];
+} tarn_server_status;
+
+/* Returns 0, or -1 for a number out of range with `out` zeroed. */
+TARN_API int tarn_host_server_status(tarn_host *h, int server, tarn_server_status *out);
+
+/* Takes the result of a name resolution of a server: `addr` null, or without family, if it failed. */
+TARN_API void tarn_host_server_resolved(tarn_host *h, const char *name, uint16_t port, const tarn_addr *addr);
+
+/* Replaces the servers; those that stay, whatever their place, keep registration and relayed clients. */
+TARN_API void tarn_host_set_relay(tarn_host *h, const tarn_relay_config *relays);
+
+/* Replaces the LAN endpoints (at most 4) that clients are told of, and registers them with every server. */
+TARN_API void tarn_host_set_lan_endpoints(tarn_host *h, const tarn_addr *lan, int count);
+
 TARN_END_DECLS
 
 #endif

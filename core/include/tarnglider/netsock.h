@@ -108,6 +108,28 @@ enum {
  * look-up of the name before that. Returns a value from the list above. */
 TARN_API int tarn_relay_check(const tarn_relay_server *s, int timeout_ms, uint32_t *rtt_us);
 
+/* Keeps the names of relay servers resolved on a thread of its own and reports each result to one engine:
+ * tarn_host_server_resolved or tarn_client_server_resolved, with the name and port of the configuration and
+ * the address, or null if the look-up failed. A name is looked up at once, again 120 s after a success and
+ * 10 s after a failure. */
+typedef struct tarn_resolver tarn_resolver;
+struct tarn_host;
+struct tarn_client;
+
+/* Starts it.
+ *   c  at most its first 8 servers are looked at; copied. Address literals need no look-up; of servers with the
+ *      same port and, to the letter, the same name one is enough
+ * The engine must live until the resolver is stopped. Reports take the engine's lock with the resolver's held,
+ * so neither start nor stop may be called from a callback of an engine.
+ * Returns the handle; null for a null argument, if memory or the thread fails, and, which is no failure, if there
+ * is no name to look up. */
+TARN_API tarn_resolver *tarn_resolver_start_host(struct tarn_host *host, const tarn_relay_config *c);
+TARN_API tarn_resolver *tarn_resolver_start_client(struct tarn_client *client, const tarn_relay_config *c);
+
+/* Ends it; null is ignored. The handle is invalid from now on: stop once only. Doesn't wait for a look-up under
+ * way, whose result is dropped. No report is made after this returns, so the engine may be destroyed at once. */
+TARN_API void tarn_resolver_stop(tarn_resolver *resolver);
+
 TARN_END_DECLS
 
 #endif

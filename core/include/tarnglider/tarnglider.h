@@ -2,6 +2,7 @@
 #ifndef TARNGLIDER_TARNGLIDER_H
 #define TARNGLIDER_TARNGLIDER_H
 
+#include <tarnglider/clipboard.h>
 #include <tarnglider/clock.h>
 #include <tarnglider/conn.h>
 #include <tarnglider/conn_addr.h>
@@ -14,6 +15,7 @@
 #include <tarnglider/protocol.h>
 #include <tarnglider/rendezvous.h>
 #include <tarnglider/secure.h>
+#include <tarnglider/secure_pair.h>
 #include <tarnglider/video_transport.h>
 
 #endif
