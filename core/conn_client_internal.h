@@ -77,18 +77,6 @@ struct tarn_client {
     uint64_t last_reject_us;
 };
 
-// One datagram on its way through the engine, with the caller's outputs.
-struct client_packet {
-    const uint8_t *data;
-    size_t len;
-    const tarn_addr *from;
-    uint64_t now;
-    uint8_t *out;
-    size_t out_cap;
-    size_t *out_len;
-    tarn_recv_info *info;
-};
-
 // Paths.
 int path_find(const tarn_client *c, const tarn_addr *addr);
 int path_add(tarn_client *c, const tarn_addr *addr, int path, int server);
@@ -103,9 +91,9 @@ void choose_path(tarn_client *c, uint64_t now);
 // Sessions.
 client_session *first_established(tarn_client *c);
 void hs_send(tarn_client *c, client_session *s, uint64_t now);
-void handshake_response(tarn_client *c, const client_packet &p);
-void handshake_reject(tarn_client *c, const client_packet &p);
-int client_sealed(tarn_client *c, const client_packet &p);
+void handshake_response(tarn_client *c, const conn_packet &p);
+void handshake_reject(tarn_client *c, const conn_packet &p);
+int client_sealed(tarn_client *c, const conn_packet &p);
 // What a session has due; true while it wants short ticks.
 bool session_work(tarn_client *c, client_session *s, uint64_t now, conn_wake *wake);
 

@@ -82,23 +82,11 @@ struct tarn_host {
     rate_bucket hello_bucket;
 };
 
-// One datagram on its way through the engine, with the caller's outputs.
-struct host_packet {
-    const uint8_t *data;
-    size_t len;
-    const tarn_addr *from;
-    uint64_t now;
-    uint8_t *out;
-    size_t out_cap;
-    size_t *out_len;
-    tarn_recv_info *info;
-};
-
 // True if the limit lets one more action pass now.
 bool rate_allow(rate_bucket *bucket, rate_limit limit, uint64_t now);
 
-void host_handshake(tarn_host *h, const host_packet &p);
-int host_sealed(tarn_host *h, const host_packet &p);
+void host_handshake(tarn_host *h, const conn_packet &p);
+int host_sealed(tarn_host *h, const conn_packet &p);
 void host_expire(tarn_host *h, uint64_t now);
 
 // The active link of a session, or -1.
