@@ -217,6 +217,12 @@ uint32_t conn_server_resolved(conn_base *b, const char *name, uint16_t port, con
     return changed;
 }
 
+bool conn_receive_begins(const uint8_t *pkt, size_t len, size_t *out_len, tarn_recv_info *info) {
+    *out_len = 0;
+    if (info) *info = tarn_recv_info{};
+    return len >= TARN_HEADER_SIZE && pkt[0] == TARN_MAGIC;
+}
+
 int conn_strieq(const char *a, const char *b) {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
     while (*a && lower(*a) == lower(*b)) {

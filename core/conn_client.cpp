@@ -102,7 +102,7 @@ void tarn_client_session_close(tarn_client *c, uint32_t session) {
     c->active_path = -1;
 }
 
-static int receive_plain(tarn_client *c, const client_packet &p) {
+static int receive_plain(tarn_client *c, const conn_packet &p) {
     const uint8_t type = p.data[2];
     if (type >= 96 && type <= 111) {
         client_rendezvous(c, p);
@@ -130,10 +130,8 @@ static int receive_plain(tarn_client *c, const client_packet &p) {
 
 int tarn_client_receive(tarn_client *c, const uint8_t *pkt, size_t len, const tarn_addr *from, uint8_t *out,
                         size_t out_cap, size_t *out_len, tarn_recv_info *info) {
-    *out_len = 0;
-    if (info) *info = tarn_recv_info{};
-    if (len < TARN_HEADER_SIZE || pkt[0] != TARN_MAGIC) return TARN_RECV_NONE;
-    const client_packet p = {pkt, len, from, conn_now(), out, out_cap, out_len, info};
+    if (!conn_receive_begins(pkt, len, out_len, info)) return TARN_RECV_NONE;
+    const conn_packet p = {pkt, len, from, conn_now(), out, out_cap, out_len, info};
     const conn_guard held(&c->base.lock);
     switch (pkt[1]) {
     case TARN_VERSION_PLAIN:

@@ -129,18 +129,6 @@ struct tarn_client {
     client_pairing pairing;
 };
 
-// One datagram on its way through the engine, with the caller's outputs.
-struct client_packet {
-    const uint8_t *data;
-    size_t len;
-    const tarn_addr *from;
-    uint64_t now;
-    uint8_t *out;
-    size_t out_cap;
-    size_t *out_len;
-    tarn_recv_info *info;
-};
-
 // Paths.
 int path_find(const tarn_client *c, const tarn_addr *addr);
 int path_add(tarn_client *c, const tarn_addr *addr, int path, int server);
@@ -155,23 +143,23 @@ void choose_path(tarn_client *c, uint64_t now);
 // Servers.
 bool code_matches(const tarn_client *c, const uint8_t key[32]);
 void reset_lookups(tarn_client *c, uint64_t now);
-void client_rendezvous(tarn_client *c, const client_packet &p);
+void client_rendezvous(tarn_client *c, const conn_packet &p);
 // What the servers have due; true while it wants short ticks.
 bool servers_tick(tarn_client *c, uint64_t now, conn_wake *wake);
 
 // Pairing.
 void end_pairing(tarn_client *c);
 void send_query(tarn_client *c, int index);
-void client_pairing_message(tarn_client *c, const client_packet &p);
+void client_pairing_message(tarn_client *c, const conn_packet &p);
 void client_pairing_tick(tarn_client *c, uint64_t now, conn_wake *wake);
 
 // Sessions.
 void start_connect(tarn_client *c, uint64_t now);
 client_session *first_established(tarn_client *c);
 void hs_send(tarn_client *c, client_session *s, uint64_t now);
-void handshake_response(tarn_client *c, const client_packet &p);
-void handshake_reject(tarn_client *c, const client_packet &p);
-int client_sealed(tarn_client *c, const client_packet &p);
+void handshake_response(tarn_client *c, const conn_packet &p);
+void handshake_reject(tarn_client *c, const conn_packet &p);
+int client_sealed(tarn_client *c, const conn_packet &p);
 // What a session has due; true while it wants short ticks.
 bool session_work(tarn_client *c, client_session *s, uint64_t now, conn_wake *wake);
 

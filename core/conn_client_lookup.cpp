@@ -114,7 +114,7 @@ bool servers_tick(tarn_client *c, uint64_t now, conn_wake *wake) {
 // ---- Messages
 
 // A punch from the host is a path, and earns an answer.
-static void on_punch(tarn_client *c, const client_packet &p) {
+static void on_punch(tarn_client *c, const conn_packet &p) {
     tarn_rv_msg m;
     if (tarn_rv_decode(p.data, p.len, nullptr, &m) != 0) return;
     int server = 0;
@@ -204,7 +204,7 @@ static void on_bind_reply(tarn_client *c, int server, const tarn_rv_msg *m, uint
     path_kick(c, path, now);
 }
 
-void client_rendezvous(tarn_client *c, const client_packet &p) {
+void client_rendezvous(tarn_client *c, const conn_packet &p) {
     if (p.data[2] == TARN_RV_PUNCH || p.data[2] == TARN_RV_PUNCH_ACK) {
         on_punch(c, p);
         return;

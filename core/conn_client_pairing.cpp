@@ -140,7 +140,7 @@ static bool fall_back(tarn_client *c, uint64_t now) {
 // ---- Messages
 
 // Info: u32 nonce at 8, u8 flags at 12, u32 blocks, u32 passes, salt 16 at 21, public key 32 at 37, u8 name length, name.
-static void on_host_info(tarn_client *c, const client_packet &p) {
+static void on_host_info(tarn_client *c, const conn_packet &p) {
     client_pairing *pairing = &c->pairing;
     if (pairing->pair_phase != PAIR_SEARCHING || p.len < info_size) return;
     const size_t name_len = p.data[69];
@@ -155,7 +155,7 @@ static void on_host_info(tarn_client *c, const client_packet &p) {
     pair_start(c, p.now);
 }
 
-static void on_pair_fail(tarn_client *c, const client_packet &p) {
+static void on_pair_fail(tarn_client *c, const conn_packet &p) {
     if (p.len != TARN_PAIR_FAIL_SIZE || memcmp(p.data + 8, c->pairing.pair.sid, 16) != 0) return;
     const uint8_t reason = p.data[24];
     if (reason == TARN_PAIR_FAIL_LOCKED) {
@@ -170,7 +170,7 @@ static void on_pair_fail(tarn_client *c, const client_packet &p) {
     }
 }
 
-static void on_pair_resp(tarn_client *c, const client_packet &p) {
+static void on_pair_resp(tarn_client *c, const conn_packet &p) {
     client_pairing *pairing = &c->pairing;
     uint8_t reply[TARN_PAIR_MESSAGE_MAX];
     size_t reply_len;
@@ -185,7 +185,7 @@ static void on_pair_resp(tarn_client *c, const client_packet &p) {
     pairing->pair_phase = PAIR_CONFIRM_SENT;
 }
 
-static void on_pair_done(tarn_client *c, const client_packet &p) {
+static void on_pair_done(tarn_client *c, const conn_packet &p) {
     client_pairing *pairing = &c->pairing;
     uint8_t reply[TARN_PAIR_MESSAGE_MAX];
     size_t reply_len;
@@ -209,7 +209,7 @@ static void on_pair_done(tarn_client *c, const client_packet &p) {
     start_connect(c, p.now);
 }
 
-void client_pairing_message(tarn_client *c, const client_packet &p) {
+void client_pairing_message(tarn_client *c, const conn_packet &p) {
     if (c->mode != CLIENT_PAIR) return;
     const uint8_t type = p.data[2];
     if (type == TARN_PKT_HOST_INFO) {

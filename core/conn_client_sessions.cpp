@@ -59,8 +59,8 @@ static void session_up(tarn_client *c, client_session *s, const tarn_session *ke
 }
 
 // A response finished a session's handshake.
-static void handshake_done(tarn_client *c, client_session *s, const tarn_session *keys,
-                           const client_packet &p, int path) {
+static void handshake_done(tarn_client *c, client_session *s, const tarn_session *keys, const conn_packet &p,
+                           int path) {
     s->hs_pending = 0;
     s->hs_done = 1;
     memcpy(s->hs_reply, p.data, sizeof s->hs_reply);
@@ -77,7 +77,7 @@ static void handshake_done(tarn_client *c, client_session *s, const tarn_session
     session_up(c, s, keys, path, p.now);
 }
 
-void handshake_response(tarn_client *c, const client_packet &p) {
+void handshake_response(tarn_client *c, const conn_packet &p) {
     if (p.len != TARN_HS_RESP_SIZE) return;
     const int path = path_find(c, p.from);
     // A copy of the response that already finished a handshake comes from every path that carried the init, and
@@ -97,7 +97,7 @@ void handshake_response(tarn_client *c, const client_packet &p) {
     }
 }
 
-void handshake_reject(tarn_client *c, const client_packet &p) {
+void handshake_reject(tarn_client *c, const conn_packet &p) {
     uint8_t reason;
     if (tarn_hs_decode_reject(p.data, p.len, &reason) != 0) return;
     if (c->mode != CLIENT_CONNECT || first_established(c)) return;
@@ -139,13 +139,13 @@ static void rekey_done(tarn_client *c, client_session *s, uint64_t now) {
 }
 
 // An echo of our probe. One whose time lies ahead is none of ours and gives no sample.
-static void probe_echo(tarn_client *c, const client_packet &p, size_t len, int path) {
+static void probe_echo(tarn_client *c, const conn_packet &p, size_t len, int path) {
     if (len < conn_probe_size || path < 0) return;
     const uint64_t sent_us = get_u64(p.out + 12);
     if (sent_us <= p.now) mark_ack(c, path, p.now - sent_us, p.now);
 }
 
-int client_sealed(tarn_client *c, const client_packet &p) {
+int client_sealed(tarn_client *c, const conn_packet &p) {
     if (p.len < TARN_SEALED_MIN) return TARN_RECV_NONE;
     const key_match match = find_keys(c, get_u32(p.data + 4));
     if (!match.keys) return TARN_RECV_NONE;

@@ -65,7 +65,7 @@ void tarn_host_destroy(tarn_host *h) {
 }
 
 // Tells a client of the plain protocol that this host wants the secure handshake.
-static void refuse_hello(tarn_host *h, const host_packet &p) {
+static void refuse_hello(tarn_host *h, const conn_packet &p) {
     if (!rate_allow(&h->hello_bucket, hello_limit, p.now)) return;
     constexpr uint8_t secure_handshake_required = 3;
     const tarn_header header = {};
@@ -76,7 +76,7 @@ static void refuse_hello(tarn_host *h, const host_packet &p) {
 }
 
 // A plain packet, by type. 80 to 95 is the secure channel's own range: what it doesn't use never gets to the caller.
-static int receive_plain(tarn_host *h, const host_packet &p) {
+static int receive_plain(tarn_host *h, const conn_packet &p) {
     const uint8_t type = p.data[2];
     switch (type) {
     case TARN_PKT_PAIR_CONFIRM:
@@ -105,10 +105,8 @@ static int receive_plain(tarn_host *h, const host_packet &p) {
 
 int tarn_host_receive(tarn_host *h, const uint8_t *pkt, size_t len, const tarn_addr *from, uint8_t *out,
                       size_t out_cap, size_t *out_len, tarn_recv_info *info) {
-    *out_len = 0;
-    if (info) *info = tarn_recv_info{};
-    if (len < TARN_HEADER_SIZE || pkt[0] != TARN_MAGIC) return TARN_RECV_NONE;
-    const host_packet p = {pkt, len, from, conn_now(), out, out_cap, out_len, info};
+    if (!conn_receive_begins(pkt, len, out_len, info)) return TARN_RECV_NONE;
+    const conn_packet p = {pkt, len, from, conn_now(), out, out_cap, out_len, info};
     const conn_guard held(&h->base.lock);
     switch (pkt[1]) {
     case TARN_VERSION_PLAIN:

@@ -162,23 +162,11 @@ struct tarn_host {
     uint32_t punch_counter; // numbers the punches
 };
 
-// One datagram on its way through the engine, with the caller's outputs.
-struct host_packet {
-    const uint8_t *data;
-    size_t len;
-    const tarn_addr *from;
-    uint64_t now;
-    uint8_t *out;
-    size_t out_cap;
-    size_t *out_len;
-    tarn_recv_info *info;
-};
-
 // True if the limit lets one more action pass now.
 bool rate_allow(rate_bucket *bucket, rate_limit limit, uint64_t now);
 
-void host_handshake(tarn_host *h, const host_packet &p);
-int host_sealed(tarn_host *h, const host_packet &p);
+void host_handshake(tarn_host *h, const conn_packet &p);
+int host_sealed(tarn_host *h, const conn_packet &p);
 void host_expire(tarn_host *h, uint64_t now);
 
 // The active link of a session, the active client of a key, or -1.
@@ -190,13 +178,13 @@ void free_link(tarn_host *h, int index);
 // Pairing.
 bool new_pin(tarn_host *h);
 void load_password(tarn_host *h, const char *line);
-void host_query(tarn_host *h, const host_packet &p);
-void host_pair_init(tarn_host *h, const host_packet &p);
-void host_pair_confirm(tarn_host *h, const host_packet &p);
+void host_query(tarn_host *h, const conn_packet &p);
+void host_pair_init(tarn_host *h, const conn_packet &p);
+void host_pair_confirm(tarn_host *h, const conn_packet &p);
 void pairing_tick(tarn_host *h, uint64_t now);
 
 // Rendezvous.
-void host_rendezvous(tarn_host *h, const host_packet &p);
+void host_rendezvous(tarn_host *h, const conn_packet &p);
 bool is_punch_candidate(const tarn_host *h, const tarn_addr *addr);
 void register_all_anew(tarn_host *h, uint64_t now);
 void rendezvous_tick(tarn_host *h, uint64_t now, conn_wake *wake);

@@ -228,7 +228,7 @@ void tarn_host_export_clients(tarn_host *h, tarn_client_list *out) {
 // ---- Queries
 
 // Info: u32 nonce, u8 flags, u32 blocks, u32 passes, salt 16, public key 32, u8 name length, name.
-void host_query(tarn_host *h, const host_packet &p) {
+void host_query(tarn_host *h, const conn_packet &p) {
     constexpr size_t query_size = 64;
     constexpr size_t info_size = 70;
     if (p.len != query_size || !rate_allow(&h->probe_bucket, probe_limit, p.now)) return;
@@ -300,7 +300,7 @@ static pair_method method_of(tarn_host *h, int method) {
 }
 
 // The attempts of a secret are used up: the guesser starts over against another PIN, or the password locks.
-static void attempts_used_up(tarn_host *h, const host_packet &p, const pair_method &m, int attempts) {
+static void attempts_used_up(tarn_host *h, const conn_packet &p, const pair_method &m, int attempts) {
     if (m.attempt->active) attempt_failed(h, m.attempt, m.method, "no confirmation");
     conn_event *event = conn_ev_push(&h->base, TARN_EV_PAIR_ATTEMPT_FAILED);
     event->detail = 2;
@@ -320,7 +320,7 @@ static void attempts_used_up(tarn_host *h, const host_packet &p, const pair_meth
              static_cast<unsigned long long>(pairing->lockout_us / conn_second_us), attempts, addr);
 }
 
-static void attempt_began(tarn_host *h, const host_packet &p, const pair_method &m, const uint8_t id[16]) {
+static void attempt_began(tarn_host *h, const conn_packet &p, const pair_method &m, const uint8_t id[16]) {
     if (m.attempt->active) attempt_failed(h, m.attempt, m.method, "replaced by a new attempt");
     m.attempt->active = 1;
     m.attempt->number = m.pair->attempts;
@@ -338,7 +338,7 @@ static void attempt_began(tarn_host *h, const host_packet &p, const pair_method 
 }
 
 // May this init reach the exchange? If not, what is to be said has been sent.
-static bool init_allowed(tarn_host *h, const host_packet &p, int method, const uint8_t id[16]) {
+static bool init_allowed(tarn_host *h, const conn_packet &p, int method, const uint8_t id[16]) {
     const host_pairing *pairing = &h->pairing;
     const bool available = method == TARN_SECRET_PIN ? pairing->open != 0 : pairing->password_set != 0;
     if (!available) {
@@ -356,7 +356,7 @@ static bool init_allowed(tarn_host *h, const host_packet &p, int method, const u
     return !(another && too_soon);
 }
 
-void host_pair_init(tarn_host *h, const host_packet &p) {
+void host_pair_init(tarn_host *h, const conn_packet &p) {
     if (p.len != TARN_PAIR_INIT_SIZE || p.data[3] > 1) return;
     if (!rate_allow(&h->pair_bucket, pair_limit, p.now)) return;
     const int method = p.data[3] == 0 ? TARN_SECRET_PIN : TARN_SECRET_PASSWORD;
@@ -385,7 +385,7 @@ void host_pair_init(tarn_host *h, const host_packet &p) {
 // ---- Confirmation
 
 // The client proved the secret: it enters the list, and its success forgives failures.
-static void pair_succeeded(tarn_host *h, const host_packet &p, const pair_method &m) {
+static void pair_succeeded(tarn_host *h, const conn_packet &p, const pair_method &m) {
     *m.attempt = pair_attempt{};
     char name[64];
     conn_clean_name(name, m.pair->peer_name);
@@ -405,7 +405,7 @@ static void pair_succeeded(tarn_host *h, const host_packet &p, const pair_method
     if (m.method == TARN_SECRET_PIN && h->pairing.open) close_window(h, "paired");
 }
 
-void host_pair_confirm(tarn_host *h, const host_packet &p) {
+void host_pair_confirm(tarn_host *h, const conn_packet &p) {
     if (p.len < 24) return;
     const uint8_t *id = p.data + 8;
     host_pairing *pairing = &h->pairing;

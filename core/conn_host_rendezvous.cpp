@@ -187,7 +187,7 @@ static punch_job *job_of_token(tarn_host *h, const uint8_t token[16]) {
 }
 
 // A punch of a running job is answered; the session itself starts when the handshake comes through the hole.
-static void on_punch(tarn_host *h, const host_packet &p) {
+static void on_punch(tarn_host *h, const conn_packet &p) {
     tarn_rv_msg m;
     if (tarn_rv_decode(p.data, p.len, nullptr, &m) != 0 || !job_of_token(h, m.punch_token)) return;
     if (m.type != TARN_RV_PUNCH) return;
@@ -196,7 +196,7 @@ static void on_punch(tarn_host *h, const host_packet &p) {
     conn_send_rv(&h->base, p.from, &m, nullptr);
 }
 
-void host_rendezvous(tarn_host *h, const host_packet &p) {
+void host_rendezvous(tarn_host *h, const conn_packet &p) {
     if (p.data[2] == TARN_RV_PUNCH || p.data[2] == TARN_RV_PUNCH_ACK) {
         on_punch(h, p);
         return;

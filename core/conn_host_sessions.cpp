@@ -85,7 +85,7 @@ static bool answer_repeat(tarn_host *h, const uint8_t hash[16], const tarn_addr 
     return false;
 }
 
-static void refuse_unknown(tarn_host *h, const host_packet &p, const uint8_t key[32]) {
+static void refuse_unknown(tarn_host *h, const conn_packet &p, const uint8_t key[32]) {
     send_reject(h, p.from, TARN_HS_REJECT_UNKNOWN, p.now);
     if (!rate_allow(&h->unknown_bucket, unknown_limit, p.now)) return;
     char code[TARN_KEY_CODE_TEXT];
@@ -129,7 +129,7 @@ static bool new_session_id(const tarn_host *h, uint32_t *id) {
 }
 
 // The checks are over: makes the keys, remembers the exchange, answers.
-static void accept_handshake(tarn_host *h, const host_packet &p, tarn_noise_ik *state, int client_index,
+static void accept_handshake(tarn_host *h, const conn_packet &p, tarn_noise_ik *state, int client_index,
                              int index, uint64_t timestamp, const uint8_t hash[16]) {
     free_slot(h, index);
     crypto_slot *slot = &h->slots[index];
@@ -152,7 +152,7 @@ static void accept_handshake(tarn_host *h, const host_packet &p, tarn_noise_ik *
     conn_send(&h->base, p.from, reply, reply_len);
 }
 
-void host_handshake(tarn_host *h, const host_packet &p) {
+void host_handshake(tarn_host *h, const conn_packet &p) {
     if (p.len != TARN_HS_INIT_SIZE) return;
     uint8_t hash[16];
     conn_blake2b16(hash, p.data, p.len);
@@ -223,7 +223,7 @@ static void send_rekey_ack(tarn_host *h, const host_link *link, int slot, const 
 }
 
 // A rekey request under pending keys: binds them to the link that it names.
-static void bind_rekey(tarn_host *h, const host_packet &p, const opened_packet &o) {
+static void bind_rekey(tarn_host *h, const conn_packet &p, const opened_packet &o) {
     crypto_slot *slot = &h->slots[o.slot];
     const uint32_t session = o.len >= conn_rekey_size ? get_u32(p.out + 8) : 0;
     const int index = find_link(h, session);
@@ -257,7 +257,7 @@ static int take_link(tarn_host *h) {
 }
 
 // The client's first packet under pending keys makes a link.
-static void make_link(tarn_host *h, const host_packet &p, const opened_packet &o) {
+static void make_link(tarn_host *h, const conn_packet &p, const opened_packet &o) {
     crypto_slot *slot = &h->slots[o.slot];
     const host_client *client = &h->clients[slot->client];
     const int index = take_link(h);
@@ -287,7 +287,7 @@ static void make_link(tarn_host *h, const host_packet &p, const opened_packet &o
 
 // Sends a probe back to where it came from. Only a probe that says "this is my active path" moves the link, so a
 // client that looks at its spare paths doesn't pull the traffic over to them.
-static void answer_probe(tarn_host *h, const host_packet &p, const opened_packet &o, host_link *link) {
+static void answer_probe(tarn_host *h, const conn_packet &p, const opened_packet &o, host_link *link) {
     if (o.len < conn_probe_size) return;
     uint8_t echo[conn_probe_size];
     memcpy(echo, p.out, sizeof echo);
@@ -298,7 +298,7 @@ static void answer_probe(tarn_host *h, const host_packet &p, const opened_packet
     if (active_path && o.slot == link->current) set_path(h, link, p.from, o.seq, o.slot, false);
 }
 
-static int deliver(tarn_host *h, const host_packet &p, const opened_packet &o, host_link *link) {
+static int deliver(tarn_host *h, const conn_packet &p, const opened_packet &o, host_link *link) {
     if (o.slot == link->current) set_path(h, link, p.from, o.seq, o.slot, false);
     put_u32(p.out + 4, link->session);
     *p.out_len = o.len;
@@ -311,7 +311,7 @@ static int deliver(tarn_host *h, const host_packet &p, const opened_packet &o, h
     return TARN_RECV_DATA;
 }
 
-int host_sealed(tarn_host *h, const host_packet &p) {
+int host_sealed(tarn_host *h, const conn_packet &p) {
     if (p.len < TARN_SEALED_MIN) return TARN_RECV_NONE;
     opened_packet o;
     o.slot = find_slot(h, get_u32(p.data + 4));

@@ -145,6 +145,21 @@ size_t conn_make_probe(uint8_t out[conn_probe_size], uint8_t type, uint8_t flags
                        uint64_t time_us);
 size_t conn_make_rekey(uint8_t out[conn_rekey_size], uint8_t type, uint32_t session);
 
+// One datagram on its way through an engine, with the caller's outputs.
+struct conn_packet {
+    const uint8_t *data;
+    size_t len;
+    const tarn_addr *from;
+    uint64_t now;
+    uint8_t *out;
+    size_t out_cap;
+    size_t *out_len;
+    tarn_recv_info *info;
+};
+
+// Clears a receive's outputs. True if the datagram can be a packet of ours, which needs no lock to see.
+bool conn_receive_begins(const uint8_t *pkt, size_t len, size_t *out_len, tarn_recv_info *info);
+
 // How far a tick may sleep: brought forward by each thing that will be due, then turned into the tick's result.
 struct conn_wake {
     uint64_t now;

@@ -19,6 +19,20 @@ extern "C" void __wrap_free(void *p) {
     if (p && p == watched) watched_clean = all_zero(std::exchange(watched, nullptr), watched_size);
     __real_free(p);
 }
+// And its calls of the wiping functions, counted by what they wipe.
+static std::map<size_t, int> wipes;
+extern "C" void __real_tarn_secure_wipe(void *p, size_t n);
+extern "C" void __wrap_tarn_secure_wipe(void *p, size_t n);
+extern "C" void __wrap_tarn_secure_wipe(void *p, size_t n) {
+    wipes[n]++;
+    __real_tarn_secure_wipe(p, n);
+}
+extern "C" void __real_tarn_session_wipe(tarn_session *s);
+extern "C" void __wrap_tarn_session_wipe(tarn_session *s);
+extern "C" void __wrap_tarn_session_wipe(tarn_session *s) {
+    wipes[sizeof *s]++;
+    __real_tarn_session_wipe(s);
+}
 
 namespace {
 
@@ -337,6 +351,26 @@ TEST(Engines, RestIsQuietAndTheEndIsClean) {
     watched_size = sizeof(tarn_client);
     tarn_client_destroy(std::exchange(p.client.c, nullptr));
     EXPECT_TRUE(watched_clean);
+}
+
+TEST(Engines, NoKeysAreLeftOnTheStack) {
+    const tarn_addr at = ep(host_at);
+    host_rig host(0); // knows nobody
+    client_rig client;
+    tarn_client_add_candidate(client.c, &at, 0);
+    tarn_client_connect(client.c);
+    wipes.clear();
+    tarn_client_tick(client.c); // the state that the init was made in
+    EXPECT_EQ(wipes[sizeof(tarn_noise_ik)], 1);
+    const bytes init = client.take().at(0).data;
+    wipes.clear();
+    host.receive(init, at); // and the one that it was read in, though it ended in a reject
+    EXPECT_GE(wipes[sizeof(tarn_noise_ik)], 1);
+    tarn_session keys;
+    const bytes response = hand_respond(init, 5, &keys);
+    wipes.clear();
+    client.receive(response, at); // and the keys on their way into the session
+    EXPECT_GE(wipes[sizeof(tarn_session)], 1);
 }
 
 } // namespace
