@@ -98,8 +98,7 @@ TEST(ConnRelay, RefusedLinksLeaveTheRecordAlone) {
         EXPECT_EQ(tarn_relay_link_parse(&s, link.c_str()), -1) << link;
         EXPECT_TRUE(same_bytes(s, dirty<tarn_relay_server>())) << link;
     }
-    EXPECT_EQ(tarn_relay_link_parse(&s, nullptr), -1);
-    EXPECT_EQ(tarn_relay_link_parse(nullptr, (S + "a#k").c_str()), -1);
+    EXPECT_EQ(tarn_relay_link_parse(&s, nullptr) + tarn_relay_link_parse(nullptr, (S + "a#k").c_str()), -2);
 }
 
 TEST(ConnRelay, ServerSetTakesItsPartsOrNothing) {
@@ -120,10 +119,9 @@ TEST(ConnRelay, ServerSetTakesItsPartsOrNothing) {
     s = dirty<tarn_relay_server>();
     for (const char *host : {"[1.2.3.4]", "[ ::1 ]", "[]", "[", "[::1", "alpha.test:5", "al pha", " \t", ""})
         EXPECT_EQ(tarn_relay_server_set(&s, host, 5, key, 3), -1) << host;
-    for (const size_t size : {0u, 129u})
-        EXPECT_EQ(tarn_relay_server_set(&s, "a", 5, key, size), -1);
-    EXPECT_EQ(tarn_relay_server_set(&s, "a", 5, nullptr, 1), -1);
-    EXPECT_EQ(tarn_relay_server_set(&s, nullptr, 5, key, 1), -1);
+    EXPECT_EQ(tarn_relay_server_set(&s, "a", 5, key, 0) + tarn_relay_server_set(&s, "a", 5, key, 129), -2);
+    EXPECT_EQ(tarn_relay_server_set(&s, "a", 5, nullptr, 1) + tarn_relay_server_set(&s, nullptr, 5, key, 1),
+              -2);
     EXPECT_EQ(tarn_relay_server_set(nullptr, "a", 5, key, 1), -1);
     EXPECT_TRUE(same_bytes(s, dirty<tarn_relay_server>())) << "a refusal writes nothing";
 }
@@ -158,15 +156,13 @@ TEST(ConnRelay, TheListIsKeyedByHostAndPort) {
     EXPECT_EQ(key_of(c.servers[3]), "new");
     EXPECT_EQ(tarn_relay_server_same(&c.servers[3], &c.servers[3]), 1);
     EXPECT_EQ(hosts(c), "s0 s1 s2 S3 s4 s5 s6 s7 ");
-    for (const int index : {8, -1})
-        EXPECT_EQ(tarn_relay_config_remove(&c, index), -1);
+    EXPECT_EQ(tarn_relay_config_remove(&c, 8) + tarn_relay_config_remove(&c, -1), -2);
     EXPECT_EQ(tarn_relay_config_remove(nullptr, 0), -1);
     EXPECT_EQ(tarn_relay_config_remove(&c, 2), 0);
     EXPECT_EQ(hosts(c), "s0 s1 S3 s4 s5 s6 s7 ");
     EXPECT_TRUE(all_zero(c.servers[7])) << "the freed slot keeps no key";
     EXPECT_EQ(tarn_relay_config_remove(&c, 6), 0);
-    EXPECT_TRUE(all_zero(c.servers[6]));
-    EXPECT_EQ(tarn_relay_config_remove(&c, 6), -1);
+    EXPECT_TRUE(all_zero(c.servers[6]) && tarn_relay_config_remove(&c, 6) == -1);
 }
 
 TEST(ConnRelay, AddNormalisesAndKeepsAResolvedAddress) {
@@ -177,16 +173,14 @@ TEST(ConnRelay, AddNormalisesAndKeepsAResolvedAddress) {
     EXPECT_EQ(c.servers[0].addr.ip[0], 9) << "resolved address kept";
     strcpy(s.host, "1.2.3.4");
     EXPECT_EQ(tarn_relay_config_add(&c, &s), 1);
-    EXPECT_EQ(c.servers[1].addr.ip[0], 1) << "a literal speaks for itself";
-    EXPECT_EQ(c.servers[1].addr.port, 5);
+    EXPECT_TRUE(c.servers[1].addr.ip[0] == 1 && c.servers[1].addr.port == 5) << "a literal speaks for itself";
     strcpy(s.host, " [::1] ");
     s.port = 0;
     EXPECT_EQ(tarn_relay_config_add(&c, &s), 2);
     EXPECT_EQ(link_of(c.servers[2]), S + "[::1]:9877#k");
     const tarn_relay_config before = c;
     strcpy(s.host, "a..b");
-    EXPECT_EQ(tarn_relay_config_add(&c, &s), -1);
-    EXPECT_EQ(tarn_relay_config_add(&c, nullptr), -1);
+    EXPECT_EQ(tarn_relay_config_add(&c, &s) + tarn_relay_config_add(&c, nullptr), -2);
     EXPECT_EQ(tarn_relay_config_add(nullptr, &before.servers[0]), -1);
     EXPECT_TRUE(same_bytes(c, before));
 }
@@ -236,13 +230,9 @@ TEST(ConnRelay, LoadIsAllOrNothing) {
     }
     EXPECT_EQ(load(&c, H + a + S + "A#3\n"), 0);
     EXPECT_EQ(key_of(c.servers[0]), "3") << "the last line of a server counts";
-    // Any cut: what stands behind the end isn't borrowed, not even the end of an escape.
-    const std::string whole = H + S + "h1:80#%00k%ff\n" + S + "[fd00::1]#k%41%42";
-    for (size_t n = 0; n <= whole.size(); n++) {
-        const int with = tarn_relay_config_load(&c, reinterpret_cast<const uint8_t *>(whole.data()), n);
-        EXPECT_EQ(load(&c, whole.substr(0, n)), with) << n;
-        EXPECT_TRUE(with == 0 || all_zero(c)) << n;
-    }
+    // What stands behind the end isn't borrowed, not even the end of an escape.
+    const std::string cut = H + S + "h#k%41";
+    EXPECT_EQ(tarn_relay_config_load(&c, reinterpret_cast<const uint8_t *>(cut.data()), cut.size() - 1), -1);
     EXPECT_EQ(tarn_relay_config_load(nullptr, c.servers[0].key, 1), -1);
     EXPECT_EQ(tarn_relay_config_load(&c, nullptr, 1), -1);
     EXPECT_TRUE(all_zero(c));

@@ -1,5 +1,6 @@
 // tarn_relay_check to the microsecond: sockets made of a list of deliveries, on the settable clock, with a
 // seeded random source. The linker passes every wipe through this file (--wrap), which sees what is wiped.
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -111,7 +112,7 @@ int tarn_udp_wait(const uint64_t *list, int n, int timeout_ms) {
     w.waits.push_back(timeout_ms);
     const int64_t limit = int64_t{timeout_ms} * 1000;
     const int64_t first = w.inbox.empty() ? limit + 1 : w.inbox[0].at_us - elapsed();
-    virtual_clock::advance(first < limit ? (first > 0 ? first : 0) : limit);
+    virtual_clock::advance(std::clamp<int64_t>(first, 0, limit));
     return first <= limit;
 }
 int tarn_relay_resolve(tarn_relay_server *s) {
@@ -143,22 +144,18 @@ static int check(const tarn_relay_server &s, int timeout_ms = 300) {
 }
 
 TEST(RelayCheck, SilenceEndsAfterThreeQuestions) {
-    const struct {
-        int timeout_ms;
-        std::vector<int64_t> sent_us;
-        std::vector<int> waits; // by these alone time passes
-    } rows[] = {
-        {1500, {0, 500000, 1000000}, {500, 500, 500}},
+    const std::tuple<int, std::vector<int64_t>, std::vector<int>> rows[] = {
+        {1500, {0, 500000, 1000000}, {500, 500, 500}}, // by these waits alone time passes
         {0, {0, 500000, 1000000}, {500, 500, 500}},
         {-7, {0, 500000, 1000000}, {500, 500, 500}},
         {100, {0, 34000, 67000}, {34, 33, 33}}, // a fraction of a millisecond is waited for whole
         {1, {0}, {1}},                          // over before the second is due
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.timeout_ms);
-        EXPECT_EQ(check(fresh(), row.timeout_ms), TARN_RELAY_CHECK_NO_ANSWER);
-        EXPECT_EQ(w.waits, row.waits);
-        EXPECT_EQ(w.sent_us, row.sent_us);
+    for (const auto &[timeout_ms, sent_us, waits] : rows) {
+        SCOPED_TRACE(timeout_ms);
+        EXPECT_EQ(check(fresh(), timeout_ms), TARN_RELAY_CHECK_NO_ANSWER);
+        EXPECT_EQ(w.waits, waits);
+        EXPECT_EQ(w.sent_us, sent_us);
     }
 }
 
@@ -181,32 +178,28 @@ TEST(RelayCheck, QuestionsAreItsOwn) {
 }
 
 TEST(RelayCheck, RoundTripBelongsToTheAnsweredQuestion) {
-    const struct {
-        int answered; // question; its answer comes after_us later
-        uint32_t after_us;
-        uint8_t type;
-        size_t sent; // questions by then
-    } rows[] = {{0, 12345, TARN_RV_ERROR, 1},  {0, 150000, TARN_RV_LOOKUP_REPLY, 2},
-                {0, 290000, TARN_RV_ERROR, 3}, {1, 10000, TARN_RV_ERROR, 2},
-                {2, 99000, TARN_RV_ERROR, 3},  {2, 0, TARN_RV_ERROR, 3}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(::testing::Message() << row.answered << " after " << row.after_us);
+    // The answered question, after how long, with what; and the questions sent by then.
+    const std::tuple<int, uint32_t, uint8_t, size_t> rows[] = {
+        {0, 12345, TARN_RV_ERROR, 1}, {0, 150000, TARN_RV_LOOKUP_REPLY, 2}, {0, 290000, TARN_RV_ERROR, 3},
+        {1, 10000, TARN_RV_ERROR, 2}, {2, 99000, TARN_RV_ERROR, 3},         {2, 0, TARN_RV_ERROR, 3}};
+    for (const auto &[answered, after_us, type, sent] : rows) {
+        SCOPED_TRACE(after_us);
         const tarn_relay_server s = fresh();
-        w.on_probe = [&](int n, const tarn_rv_msg &m) {
-            if (n == row.answered) reply({.type = row.type, .tag = m.tag, .after_us = row.after_us});
+        answer good = {.type = type, .after_us = after_us};
+        w.on_probe = [&, which = answered](int n, const tarn_rv_msg &m) {
+            good.tag = m.tag;
+            if (n == which) reply(good);
         };
         EXPECT_EQ(check(s), TARN_RELAY_CHECK_OK);
-        EXPECT_EQ(w.rtt, row.after_us);
-        EXPECT_EQ(w.probes.size(), row.sent);
+        EXPECT_EQ(w.rtt, after_us);
+        EXPECT_EQ(w.probes.size(), sent);
     }
 }
 
 // Each bad answer alone is as good as none, and doesn't hide a good one that waits behind it.
 TEST(RelayCheck, OnlyTheServersOwnAnswerCounts) {
-    const struct {
-        const char *why;
-        answer bad; // its tag counts from the first question's
-    } rows[] = {
+    const std::pair<const char *, answer> rows[] = {
+        // the tag counts from the first question's
         {"another port of the server", {.from = "192.0.2.9:9878"}},
         {"another address", {.from = "192.0.2.8:9877"}},
         {"its mapped form is another endpoint", {.from = "[::ffff:192.0.2.9]:9877"}},
@@ -218,16 +211,14 @@ TEST(RelayCheck, OnlyTheServersOwnAnswerCounts) {
         {"the question itself come back", {.type = TARN_RV_LOOKUP}},
         {"an introduction", {.type = TARN_RV_INTRODUCE}},
     };
-    for (const auto &row : rows) {
+    for (const auto &[why, answered] : rows) {
         for (const bool good_behind : {false, true}) {
-            SCOPED_TRACE(row.why);
+            SCOPED_TRACE(why);
             const tarn_relay_server s = fresh();
-            w.on_probe = [&](int n, const tarn_rv_msg &m) {
-                if (n > 0) return;
-                answer bad = row.bad;
+            w.on_probe = [&, bad = answered](int n, const tarn_rv_msg &m) mutable {
                 bad.tag += m.tag;
-                reply(bad);
-                if (good_behind) reply({.tag = m.tag});
+                if (n == 0) reply(bad);
+                if (n == 0 && good_behind) reply({.tag = m.tag});
             };
             EXPECT_EQ(check(s), good_behind ? TARN_RELAY_CHECK_OK : TARN_RELAY_CHECK_NO_ANSWER);
             EXPECT_EQ(w.waits.size(), good_behind ? 1u : 4u) << "read at one wake-up";
@@ -236,12 +227,8 @@ TEST(RelayCheck, OnlyTheServersOwnAnswerCounts) {
 }
 
 TEST(RelayCheck, FailuresAreToldApartAndLeaveNothing) {
-    const struct {
-        const char *why;
-        int result, opened;
-        size_t sent;
-        std::function<void()> fault;
-    } rows[] = {
+    // Result, sockets opened, questions sent.
+    const std::tuple<const char *, int, int, size_t, void (*)()> rows[] = {
         {"no such name", 2, 0, 0, [] { w.fail_resolve = true; }},
         {"no socket", 3, 0, 0, [] { w.fail_open = true; }},
         {"no random id", 3, 1, 0, [] { seeded_random::fail_at(1); }},
@@ -249,13 +236,13 @@ TEST(RelayCheck, FailuresAreToldApartAndLeaveNothing) {
         {"first send", 3, 1, 0, [] { w.fail_send = 0; }},
         {"third send", 3, 1, 2, [] { w.fail_send = 2; }},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.why);
+    for (const auto &[why, result, opened, sent, fail] : rows) {
+        SCOPED_TRACE(why);
         const tarn_relay_server s = fresh();
-        row.fault();
-        EXPECT_EQ(check(s), row.result);
-        EXPECT_EQ(w.probes.size(), row.sent);
-        EXPECT_EQ(w.opened, row.opened);
+        fail();
+        EXPECT_EQ(check(s), result);
+        EXPECT_EQ(w.probes.size(), sent);
+        EXPECT_EQ(w.opened, opened);
     }
     for (const size_t key_len : {1u, 128u})
         EXPECT_EQ(check(fresh("192.0.2.9:9877", key_len)), TARN_RELAY_CHECK_NO_ANSWER);

@@ -12,11 +12,6 @@
 
 using app::access_unit;
 
-static bytes read_sample() {
-    std::ifstream in(SAMPLE_CLIP, std::ios::binary);
-    return bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // The units' sizes, with a "k" behind those that hold a key picture.
 static std::string shape(const bytes &stream) {
     std::string text;
@@ -28,25 +23,18 @@ static std::string shape(const bytes &stream) {
 // The units follow each other without a gap and cover the stream.
 static void expect_covered(const bytes &stream, uint64_t seed) {
     size_t end = 0;
-    const std::vector<access_unit> units = app::split_access_units(stream);
-    for (const access_unit &unit : units) {
-        ASSERT_EQ(unit.offset, end) << "seed " << seed;
-        ASSERT_GT(unit.size, 0u) << "seed " << seed;
+    for (const access_unit &unit : app::split_access_units(stream)) {
+        ASSERT_TRUE(unit.offset == end && unit.size > 0) << "seed " << seed;
         end += unit.size;
     }
-    if (!units.empty()) {
-        ASSERT_EQ(end, stream.size()) << "seed " << seed;
-    }
+    ASSERT_TRUE(end == 0 || end == stream.size()) << "seed " << seed;
 }
 
 TEST(Annexb, CutsBeforeEachPicture) {
-    // In hex: 65 an IDR slice, 41 another slice, 42 partition A, 43 partition B, 67/68 parameter sets, 06 SEI,
-    // 09 delimiter, 0c filler. A slice's next byte has its top bit set if the slice is the first of its picture.
-    const struct {
-        const char *hex;
-        const char *want;
-        const char *why;
-    } rows[] = {
+    // In hex: 65 an IDR slice, 41 another slice, 42 partition A, 43 partition B, 67/68 parameter sets, 06
+    // SEI, 09 delimiter, 0c filler. A slice's next byte has its top bit set if the slice is the first of its
+    // picture.
+    const std::tuple<std::string, const char *, const char *> rows[] = {
         {"", "", "nothing"},
         {"000001", "3", "a start code and the end"},
         {"0000 02 0001", "", "no start code"},
@@ -71,18 +59,23 @@ TEST(Annexb, CutsBeforeEachPicture) {
         {"000001 6588 000001 41", "9k", "a file cut before the slice header"},
         {"000001 6588 0002 000001 419a", "7k 5", "zeros that are no start code"},
     };
-    for (const auto &row : rows) {
-        std::string digits = row.hex;
+    for (auto [digits, want, why] : rows) {
         std::erase(digits, ' ');
         const bytes stream = unhex(digits);
-        EXPECT_EQ(shape(stream), row.want) << row.why;
+        EXPECT_EQ(shape(stream), want) << why;
         expect_covered(stream, 0);
     }
 }
 
-TEST(Annexb, CoversWhateverItGets) {
-    const bytes sample = read_sample();
-    ASSERT_GT(sample.size(), 20000u);
+TEST(Annexb, CutsTheSampleClipAndWhateverItGets) {
+    std::ifstream in(SAMPLE_CLIP, std::ios::binary);
+    const bytes sample{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    const std::vector<access_unit> units = app::split_access_units(sample);
+    ASSERT_EQ(units.size(), 300u);
+    for (size_t i = 0; i < units.size(); i++)
+        EXPECT_EQ(units[i].key, i % 60 == 0) << i;
+    EXPECT_EQ(app::stream_frame_rate(sample), 30.0);
+    expect_covered(sample, 0);
     for (size_t size = 0; size < 20000; size += size < 2000 ? 1 : 97)
         expect_covered(bytes(sample.begin(), sample.begin() + static_cast<std::ptrdiff_t>(size)), size);
     for (uint64_t seed = 1; seed <= 3000; seed++) {
@@ -95,16 +88,6 @@ TEST(Annexb, CoversWhateverItGets) {
         expect_covered(garbage, seed);
         app::stream_frame_rate(garbage);
     }
-}
-
-TEST(Annexb, CutsTheSampleClip) {
-    const bytes sample = read_sample();
-    const std::vector<access_unit> units = app::split_access_units(sample);
-    ASSERT_EQ(units.size(), 300u);
-    for (size_t i = 0; i < units.size(); i++)
-        EXPECT_EQ(units[i].key, i % 60 == 0) << i;
-    EXPECT_EQ(app::stream_frame_rate(sample), 30.0);
-    expect_covered(sample, 0);
 }
 
 namespace {
@@ -131,11 +114,9 @@ struct sps_writer {
             uint8_t byte = 0;
             for (size_t b = 0; b < 8; b++)
                 byte = static_cast<uint8_t>(byte << 1 | (i + b < out.size() && out[i + b] ? 1 : 0));
-            if (zeros >= 2 && byte <= 3) {
-                made.push_back(3);
-                zeros = 0;
-            }
-            zeros = byte == 0 ? zeros + 1 : 0;
+            const bool guard = zeros >= 2 && byte <= 3;
+            if (guard) made.push_back(3);
+            zeros = byte != 0 ? 0 : guard ? 1 : zeros + 1;
             made.push_back(byte);
         }
         return made;
@@ -153,7 +134,8 @@ bytes make_sps(uint32_t profile, int features, uint32_t tick, uint32_t scale) {
         if (planes) w.u(1, 1);
         w.ue(2).ue(2).u(1, 0).u(1, (features & scaling) != 0);
         for (int i = 0; (features & scaling) != 0 && i < (planes ? 12 : 8); i++) {
-            // Lists present are 0, with all its deltas, and 7, cut short by a delta that makes the next scale 0.
+            // Lists present are 0, with all its deltas, and 7, cut short by a delta that makes the next scale
+            // 0.
             w.u(1, i == 0 || i == 7);
             for (int j = 0; i == 0 && j < 16; j++)
                 w.ue(j % 2 == 0 ? 1 : 2); // +1, -1
@@ -186,12 +168,8 @@ bytes make_sps(uint32_t profile, int features, uint32_t tick, uint32_t scale) {
 } // namespace
 
 TEST(Annexb, ReadsTheFrameRate) {
-    const struct {
-        uint32_t profile;
-        int features;
-        uint32_t tick, scale;
-        double want; // 0: none
-    } rows[] = {
+    // Profile, features, tick, scale, and the rate or 0.
+    const std::tuple<uint32_t, int, uint32_t, uint32_t, double> rows[] = {
         {66, 0, 1, 50, 25},
         {66, no_vui, 1, 50, 0},
         {77, no_timing, 1, 50, 0},
@@ -209,15 +187,14 @@ TEST(Annexb, ReadsTheFrameRate) {
         {66, 0, 1, 2000, 1000}, // fastest
         {66, 0, 1, 2001, 0},    // faster
     };
-    for (const auto &row : rows) {
-        bytes sps = make_sps(row.profile, row.features, row.tick, row.scale);
-        const std::optional<double> rate = app::stream_frame_rate(sps);
-        EXPECT_DOUBLE_EQ(rate.value_or(0), row.want)
-            << row.profile << " " << row.features << " " << row.scale;
+    for (const auto &[profile, features, tick, scale, want] : rows) {
+        SCOPED_TRACE(testing::Message() << profile << " " << features << " " << scale);
+        bytes sps = make_sps(profile, features, tick, scale);
+        EXPECT_DOUBLE_EQ(app::stream_frame_rate(sps).value_or(0), want);
         // Two bytes of timing and more are missing: half of a number is no number.
         while (sps.size() > 3) {
             sps.resize(sps.size() - 3);
-            EXPECT_EQ(app::stream_frame_rate(sps), std::nullopt) << row.profile << " cut to " << sps.size();
+            EXPECT_EQ(app::stream_frame_rate(sps), std::nullopt) << "cut to " << sps.size();
         }
     }
     // A set without timing doesn't hide the next one.

@@ -1,4 +1,5 @@
-// The folder of a program's identity and lists: an identity is for life, and a damaged list isn't overwritten.
+// The folder of a program's identity and lists: an identity is for life, and a damaged list isn't
+// overwritten.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -39,8 +40,7 @@ protected:
 };
 
 TEST_F(Directory, KeepsOneIdentity) {
-    app::identity first;
-    app::identity second;
+    app::identity first, second;
     app::directory(root_ / "below").load_identity(first);
     app::directory(root_ / "below").load_identity(second);
     EXPECT_EQ(std::memcmp(&first.keys, &second.keys, sizeof first.keys), 0);
@@ -52,8 +52,7 @@ TEST_F(Directory, KeepsOneIdentity) {
 #ifndef _WIN32
     EXPECT_EQ(fs::status(root_ / "identity").permissions() & fs::perms::all, fs::perms(0600));
     fs::permissions(root_ / "identity", fs::perms(0640));
-    EXPECT_THROW(app::directory(root_).load_identity(first), std::runtime_error)
-        << "others may read the secret";
+    EXPECT_THROW(app::directory(root_).load_identity(first), std::runtime_error) << "not for others to read";
 #endif
     write("identity", "not a key");
     EXPECT_THROW(app::directory(root_).load_identity(first), std::runtime_error);
@@ -87,13 +86,9 @@ TEST_F(Directory, KeepsLists) {
     fs::remove(root_ / "hosts");
     fs::create_directory(root_ / "hosts");
     EXPECT_THROW(store.hosts(), std::runtime_error);
-}
-
-TEST_F(Directory, RefusesAFileAsFolder) {
-    fs::create_directories(root_);
-    write("file", "");
-    EXPECT_THROW(app::directory(root_ / "file"), std::runtime_error);
-    EXPECT_THROW(app::directory(root_ / "file" / "below"), std::runtime_error);
+    // A file is no folder.
+    for (const char *path : {"authorized_clients", "authorized_clients/below"})
+        EXPECT_THROW(app::directory(root_ / path), std::runtime_error);
 }
 
 TEST(Text, RefusesKeysThatAreNone) {

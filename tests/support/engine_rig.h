@@ -1,6 +1,6 @@
-// One engine on the bench: what it sends, logs and reports is collected, and the other side is played by hand with the
-// library's handshake and record layer. Buffers handed to an engine are exactly as large as they must be, so that the
-// address sanitizer sees one byte too many.
+// One engine on the bench: what it sends, logs and reports is collected, and the other side is played by hand
+// with the library's handshake and record layer. Buffers handed to an engine are exactly as large as they
+// must be, so that the address sanitizer sees one byte too many.
 #ifndef TEST_ENGINE_RIG_H
 #define TEST_ENGINE_RIG_H
 
@@ -50,7 +50,8 @@ inline tarn_keypair test_key(uint8_t number) {
 // A plain packet: header and body.
 inline bytes plain(uint8_t type, const bytes &body = {}, uint8_t flags = 0) {
     bytes p = {TARN_MAGIC, TARN_VERSION_PLAIN, type, flags, 0, 0, 0, 0};
-    p.insert(p.end(), body.begin(), body.end());
+    for (uint8_t byte : body)
+        p.push_back(byte);
     return p;
 }
 inline bytes le32(uint32_t v) {
@@ -71,55 +72,35 @@ inline bytes open(tarn_session &keys, const bytes &packet) {
     return out;
 }
 
-// An event as text: its kind, and each field that isn't as a fresh event has it. A key is shown by its code, "key=?" when
-// key and key id don't belong together.
-inline std::string show(const conn_event &e) {
-    std::string out = std::to_string(e.kind);
-    const auto add = [&](const char *name, const std::string &value) {
-        out += std::string(" ") + name + "=" + value;
-    };
-    if (e.detail != 0) add("detail", std::to_string(e.detail));
-    if (e.method != 0) add("method", std::to_string(e.method));
-    if (e.path != 0) add("path", std::to_string(e.path));
-    if (e.server != -1) add("server", std::to_string(e.server));
-    if (e.session != 0) add("session", hex8(e.session));
-    if (e.rtt_us != 0) add("rtt", std::to_string(e.rtt_us));
-    if (e.addr.family != 0) add("addr", text(e.addr));
-    static const uint8_t zero[32] = {};
-    uint8_t id[TARN_KEY_ID_SIZE];
-    tarn_key_id(id, e.key);
-    if (memcmp(e.key, zero, 32) != 0)
-        add("key", memcmp(id, e.key_id, sizeof id) == 0 ? code_of(e.key) : "?");
-    else if (memcmp(e.key_id, zero, 16) != 0)
-        add("key", "?");
-    if (e.name[0] != '\0') add("name", e.name);
-    return out;
-}
-
-// A host's refusal of a handshake.
-inline bytes reject_packet(uint8_t reason) { return {0x50, 1, 90, 0, 0, 0, 0, 0, reason}; }
-
 inline bool all_zero(const void *p, size_t n) {
     const bytes zero(n);
     return memcmp(p, zero.data(), n) == 0;
 }
 
-// A hostile datagram: a replay, one of `unseen` damaged or cut, or any bytes behind a fair beginning.
-inline bytes hostile(test_random &random, const std::vector<bytes> &replays,
-                     const std::vector<bytes> &unseen) {
-    const uint64_t kind = random.below(4);
-    if (kind == 0) return replays[random.below(replays.size())];
-    bytes p = unseen[random.below(unseen.size())];
-    if (kind == 1) p[random.below(p.size())] ^= static_cast<uint8_t>(1u << random.below(8));
-    if (kind == 2) p.resize(random.below(2) ? random.below(p.size()) : p.size() + 1 + random.below(9));
-    if (kind < 3) return p;
-    p.resize(8 + random.below(150));
-    random.fill(p.data(), p.size());
-    p[0] = TARN_MAGIC;
-    p[1] = static_cast<uint8_t>(1 + random.below(2));
-    if (p[2] <= TARN_PKT_DISCOVER_REPLY) p[2] = TARN_PKT_HS_RESP; // what a caller would get to see
-    return p;
+// An event as text: its kind, and each field that isn't as a fresh event has it. A key is shown by its code,
+// "key=?" when key and key id don't belong together.
+inline std::string show(const conn_event &e) {
+    std::string out = std::to_string(e.kind);
+    const auto add = [&](bool set, const char *name, const std::string &value) {
+        if (set) out += std::string(" ") + name + "=" + value;
+    };
+    add(e.detail != 0, "detail", std::to_string(e.detail));
+    add(e.method != 0, "method", std::to_string(e.method));
+    add(e.path != 0, "path", std::to_string(e.path));
+    add(e.server != -1, "server", std::to_string(e.server));
+    add(e.session != 0, "session", hex8(e.session));
+    add(e.rtt_us != 0, "rtt", std::to_string(e.rtt_us));
+    add(e.addr.family != 0, "addr", text(e.addr));
+    uint8_t id[TARN_KEY_ID_SIZE];
+    tarn_key_id(id, e.key);
+    const bool keyless = all_zero(e.key, 32) && all_zero(e.key_id, 16);
+    add(!keyless, "key", memcmp(id, e.key_id, sizeof id) == 0 ? code_of(e.key) : "?");
+    add(e.name[0] != '\0', "name", e.name);
+    return out;
 }
+
+// A host's refusal of a handshake.
+inline bytes reject_packet(uint8_t reason) { return {0x50, 1, 90, 0, 0, 0, 0, 0, reason}; }
 
 struct received {
     int result;
@@ -140,8 +121,22 @@ struct engine_rig {
     engine_rig() = default;
     engine_rig(const engine_rig &) = delete;
     engine_rig &operator=(const engine_rig &) = delete;
+    virtual ~engine_rig() = default;
+    virtual texts events() { return {}; }
     std::vector<sent_packet> take() { return std::exchange(sent, {}); }
     texts take_log() { return std::exchange(log, {}); }
+    // What was logged, and then the events.
+    texts told() {
+        texts all = take_log();
+        for (const std::string &event : events())
+            all.push_back(event);
+        return all;
+    }
+    // Nothing was sent, logged or reported.
+    bool quiet() {
+        const bool sent_none = take().empty();
+        return told().empty() && sent_none;
+    }
 
     static void on_send(void *user, const tarn_addr *to, const uint8_t *data, size_t len) {
         engine_rig *rig = static_cast<engine_rig *>(user);
@@ -154,6 +149,13 @@ struct engine_rig {
     static void on_log(void *user, const char *line) { static_cast<engine_rig *>(user)->log.push_back(line); }
 
 protected:
+    template <class Config>
+    void fill(Config &config, const tarn_keypair &key) {
+        config.identity = key;
+        config.send = on_send;
+        config.log = on_log;
+        config.user = this;
+    }
     template <class Engine, class Call>
     static received give(Engine *engine, Call call, const bytes &pkt, const tarn_addr &from) {
         const bytes copy(pkt);
@@ -183,10 +185,7 @@ struct host_rig : engine_rig {
     // Trusts the keys test_key(1) to test_key(trusted), named "client 1" and so on.
     explicit host_rig(int trusted = 1, const std::function<void(tarn_host_config &)> &tweak = nullptr) {
         tarn_host_config config = {};
-        config.identity = key;
-        config.send = on_send;
-        config.log = on_log;
-        config.user = static_cast<engine_rig *>(this);
+        fill(config, key);
         if (tweak) tweak(config);
         tarn_client_list list = {};
         for (int i = 1; i <= trusted; i++) {
@@ -195,11 +194,15 @@ struct host_rig : engine_rig {
         }
         h = tarn_host_create(&config, &list, nullptr);
     }
-    ~host_rig() { tarn_host_destroy(h); }
+    ~host_rig() override { tarn_host_destroy(h); }
     received receive(const bytes &pkt, const tarn_addr &from) {
         return give(h, tarn_host_receive, pkt, from);
     }
-    texts events() { return drain(h, tarn_host_poll_event); }
+    texts events() override { return drain(h, tarn_host_poll_event); }
+    int tick() { return tarn_host_tick(h); }
+    size_t seal_for(uint32_t session, const bytes &p, bytes &out, tarn_addr *to = nullptr) {
+        return tarn_host_seal(h, session, p.data(), p.size(), out.data(), out.size(), to);
+    }
 };
 
 struct client_rig : engine_rig {
@@ -208,20 +211,26 @@ struct client_rig : engine_rig {
 
     explicit client_rig(const std::function<void(tarn_client_config &)> &tweak = nullptr) {
         tarn_client_config config = {};
-        config.identity = key;
-        config.send = on_send;
-        config.log = on_log;
-        config.user = static_cast<engine_rig *>(this);
+        fill(config, key);
         config.host_key_known = 1;
         memcpy(config.host_key, test_key(200).public_key, 32);
         if (tweak) tweak(config);
         c = tarn_client_create(&config);
     }
-    ~client_rig() { tarn_client_destroy(c); }
+    ~client_rig() override { tarn_client_destroy(c); }
     received receive(const bytes &pkt, const tarn_addr &from) {
         return give(c, tarn_client_receive, pkt, from);
     }
-    texts events() { return drain(c, tarn_client_poll_event); }
+    texts events() override { return drain(c, tarn_client_poll_event); }
+    int tick() { return tarn_client_tick(c); }
+    size_t seal_for(uint32_t session, const bytes &p, bytes &out, tarn_addr *to = nullptr) {
+        return tarn_client_seal(c, session, p.data(), p.size(), out.data(), out.size(), to);
+    }
+    tarn_client_status status() {
+        tarn_client_status s;
+        tarn_client_status_get(c, &s);
+        return s;
+    }
 };
 
 // A client played by hand: one handshake and its keys.
