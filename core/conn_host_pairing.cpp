@@ -15,10 +15,17 @@
 
 static const char *method_name(int method) { return method == TARN_SECRET_PIN ? "PIN" : "password"; }
 
+static void close_window(tarn_host *h, const char *why) {
+    h->pairing.open = 0;
+    tarn_secure_wipe(h->pairing.pin, sizeof h->pairing.pin);
+    conn_log(&h->base, "pairing closed (%s)", why);
+    conn_ev_push(&h->base, TARN_EV_PAIRING_CLOSED);
+}
+
 // ---- Secrets
 
-// Six digits, uniform: the largest multiple of a million below 2^32 bounds the draw. Returns false, with the window
-// closed, without random bytes: there is no PIN then.
+// Six digits, uniform: the largest multiple of a million below 2^32 bounds the draw. Without random bytes
+// there is no PIN: returns false, and a window that was open closes.
 bool new_pin(tarn_host *h) {
     constexpr uint32_t uniform_below = 4294000000u;
     constexpr int tries = 64; // each fails with a chance below 1 in 4000
@@ -34,7 +41,7 @@ bool new_pin(tarn_host *h) {
     tarn_secure_wipe(pairing->pin, sizeof pairing->pin);
     if (value >= uniform_below) {
         tarn_pair_wipe(&pairing->pin_pair);
-        pairing->open = 0;
+        if (pairing->open) close_window(h, "no random numbers");
         return false;
     }
     snprintf(pairing->pin, sizeof pairing->pin, "%06u", static_cast<unsigned>(value % 1000000));
@@ -125,13 +132,6 @@ void tarn_host_clear_password(tarn_host *h) {
 }
 
 // ---- The window
-
-static void close_window(tarn_host *h, const char *why) {
-    h->pairing.open = 0;
-    tarn_secure_wipe(h->pairing.pin, sizeof h->pairing.pin);
-    conn_log(&h->base, "pairing closed (%s)", why);
-    conn_ev_push(&h->base, TARN_EV_PAIRING_CLOSED);
-}
 
 void tarn_host_pairing_open(tarn_host *h, uint32_t seconds) {
     constexpr uint32_t standard_s = 120;
@@ -289,14 +289,12 @@ struct pair_method {
     int method;
     tarn_pair *pair;
     pair_attempt *attempt;
-    int limit;
 };
 
 static pair_method method_of(tarn_host *h, int method) {
     host_pairing *pairing = &h->pairing;
-    if (method == TARN_SECRET_PIN)
-        return {method, &pairing->pin_pair, &pairing->pin_attempt, pairing->pin_attempts};
-    return {method, &pairing->password_pair, &pairing->password_attempt, pairing->password_attempts};
+    if (method == TARN_SECRET_PIN) return {method, &pairing->pin_pair, &pairing->pin_attempt};
+    return {method, &pairing->password_pair, &pairing->password_attempt};
 }
 
 // The attempts of a secret are used up: the guesser starts over against another PIN, or the password locks.
@@ -311,8 +309,7 @@ static void attempts_used_up(tarn_host *h, const conn_packet &p, const pair_meth
     host_pairing *pairing = &h->pairing;
     if (m.method == TARN_SECRET_PIN) {
         conn_log(&h->base, "PIN pairing locked after %d attempts (last from %s): new PIN", attempts, addr);
-        new_pin(h);
-        conn_ev_push(&h->base, TARN_EV_NEW_PIN);
+        if (new_pin(h)) conn_ev_push(&h->base, TARN_EV_NEW_PIN);
         return;
     }
     pairing->password_locked_until_us = p.now + pairing->lockout_us;
@@ -329,7 +326,7 @@ static void attempt_began(tarn_host *h, const conn_packet &p, const pair_method 
     m.attempt->addr = *p.from;
     if (m.method == TARN_SECRET_PASSWORD) h->pairing.last_password_attempt_us = p.now;
     char addr[conn_addr_text];
-    conn_log(&h->base, "pairing attempt %d/%d (%s) from %s", m.attempt->number, m.limit,
+    conn_log(&h->base, "pairing attempt %d/%d (%s) from %s", m.attempt->number, int{m.pair->max_attempts},
              method_name(m.method), conn_addr_str(p.from, addr, sizeof addr));
     conn_event *event = conn_ev_push(&h->base, TARN_EV_PAIR_ATTEMPT);
     event->detail = m.attempt->number;

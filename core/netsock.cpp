@@ -90,6 +90,7 @@ uint64_t tarn_udp_open(int family, const tarn_addr *bind_addr, uint16_t port) {
     set_option(fd, SOL_SOCKET, SO_RCVBUF, buffer_size);
     set_option(fd, SOL_SOCKET, SO_SNDBUF, buffer_size);
     if (v6) set_option(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);
+    set_option(fd, SOL_SOCKET, SO_BROADCAST, 1);
 
     tarn_addr local = {};
     local.family = v6 ? 6 : 4;

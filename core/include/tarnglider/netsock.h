@@ -40,7 +40,8 @@ TARN_API int tarn_addr_from_sockaddr(tarn_addr *out, const void *sa, size_t len)
  * Returns its size, 16 or 28; 0 for any other family or too small a cap. */
 TARN_API size_t tarn_addr_to_sockaddr(const tarn_addr *a, void *sa, size_t cap, int force_v6);
 
-/* Opens a non-blocking UDP socket with 4 MiB buffers for sending and receiving.
+/* Opens a non-blocking UDP socket with 4 MiB buffers for sending and receiving, which may send to IPv4 broadcast
+ * addresses.
  *   family     6: a socket that serves IPv6 and IPv4; anything else: IPv4 only
  *   bind_addr  the local address, its port ignored; null for all addresses. On a socket of family 6 an IPv4
  * address is taken in its mapped form port       the local port; 0 for any free one Returns the handle, which
