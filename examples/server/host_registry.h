@@ -27,6 +27,7 @@ struct host_record {
     rate_meter introductions;
     uint64_t proved_us;        // when it last registered or refreshed
     uint64_t expires_us;       // the registration's end
+    uint64_t sent_home_us;     // when it was last told to register again; 0: never
     uint32_t cookie_slot;      // when the cookie was made
     uint32_t source;           // of `seen`
     uint32_t first_allocation; // of the list through allocation.next_of_host, or no_record

@@ -21,6 +21,7 @@ constexpr size_t forward_max = 1500;
 constexpr uint64_t second_us = 1000000;
 // Cookies of this and of the last slot are good: 30 to 60 seconds for an answer that takes one round trip.
 constexpr uint64_t cookie_slot_us = 30 * second_us;
+constexpr uint64_t register_again_us = 10 * second_us; // between two orders to one host
 constexpr unsigned lost_refreshes_max = 3;
 
 bool rendezvous_message(const uint8_t *data, size_t len) {
@@ -196,6 +197,7 @@ void rendezvous_server::renew(const request &q, host_record &host) const {
     host.endpoint_count = q.m.count;
     std::copy(std::begin(q.m.endpoints), std::end(q.m.endpoints), std::begin(host.endpoints));
     host.proved_us = q.now_us;
+    host.sent_home_us = 0;
     host.expires_us = q.now_us + lost_refreshes_max * interval_s_ * second_us;
 }
 
@@ -398,7 +400,12 @@ void rendezvous_server::on_bind(const request &q) {
     }
     (status == status_ok ? counters_.bound : counters_.binds_refused)++;
     if (status == status_register_again) {
-        refuse(q, status);
+        // The host obeys after 5 seconds, counted anew from each such answer, and binds every second meanwhile.
+        uint64_t &told_us = hosts_[a->host].sent_home_us;
+        if (told_us == 0 || q.now_us - told_us >= register_again_us) {
+            told_us = q.now_us;
+            refuse(q, status);
+        }
         return;
     }
     tarn_rv_msg m{};

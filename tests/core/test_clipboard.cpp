@@ -46,40 +46,30 @@ texts answer(clip_end &end, const bytes &packet) {
 }
 const texts none;
 
-TEST(ClipSend, ChunksFillThePathsPacket) {
-    const struct {
-        size_t max_packet, packet;
-    } rows[] = {{0, 37},      {36, 37},     {37, 37},     {38, 38},
-                {1176, 1176}, {1472, 1472}, {1473, 1472}, {SIZE_MAX, 1472}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.max_packet);
-        clip_end a(0x01020304, row.max_packet);
-        const size_t chunk = row.packet - 21;
+TEST(ClipSend, ChunksFillThePathsPacketAndTheTailIsRepeated) {
+    const std::pair<size_t, size_t> rows[] = {{0, 37}, {37, 37}, {38, 38}, {1472, 1472}, {1473, 1472}};
+    for (const auto &[max_packet, packet] : rows) {
+        SCOPED_TRACE(max_packet);
+        clip_end a(0x01020304, max_packet);
+        const size_t chunk = packet - 21;
         const bytes blob = pattern(4 * chunk + 1);
+        const auto total = static_cast<uint32_t>(blob.size());
         ASSERT_EQ(a.offer(blob, TARN_CLIP_PNG), 1u);
         settle();
         std::vector<bytes> expected;
-        for (size_t at = 0; at < blob.size(); at += chunk)
-            expected.push_back(clip_chunk(1, TARN_CLIP_PNG, static_cast<uint32_t>(blob.size()),
-                                          static_cast<uint32_t>(at),
+        for (size_t at = 0; at < total; at += chunk)
+            expected.push_back(clip_chunk(1, TARN_CLIP_PNG, total, static_cast<uint32_t>(at),
                                           part(blob, at, std::min(blob.size(), at + chunk)), 0x01020304));
         EXPECT_EQ(a.packets(), expected);
     }
-}
-
-TEST(ClipSend, TailIsRepeatedEveryTenthOfASecond) {
-    const struct {
-        size_t size;
-        const char *tail;
-    } rows[] = {{1, "#1 0+1"},   {15, "#1 0+15"},  {16, "#1 0+16"},
-                {17, "#1 16+1"}, {32, "#1 16+16"}, {100, "#1 96+4"}};
-    for (const auto &row : rows) {
+    const std::pair<size_t, const char *> tails[] = {{16, "#1 0+16"}, {17, "#1 16+1"}, {100, "#1 96+4"}};
+    for (const auto &[size, tail] : tails) {
         clip_end a(7, 37);
-        a.offer(pattern(row.size));
-        EXPECT_EQ(sent_by(a).back(), row.tail);
+        a.offer(pattern(size));
+        EXPECT_EQ(sent_by(a).back(), tail);
         EXPECT_EQ(after(a, 100 * ms - 1), none);
-        EXPECT_EQ(after(a, 1), texts{row.tail});
-        EXPECT_EQ(after(a, 199 * ms), texts{row.tail});
+        EXPECT_EQ(after(a, 1), texts{tail});
+        EXPECT_EQ(after(a, 199 * ms), texts{tail});
     }
 }
 
@@ -88,26 +78,22 @@ TEST(ClipSend, PassesFollowTheAnswerAndEndWithAQuestion) {
     for (uint32_t i = 0; i < 64; i++)
         bytewise.push_back({i, 1});
     const struct {
-        const char *why;
         ranges list;
         texts pass; // of a blob of 100 bytes in chunks of 16
     } rows[] = {
-        {"nothing listed", {}, {"#1 96+4"}},
-        {"one gap", {{0, 16}}, {"#1 0+16", "#1 96+4"}},
-        {"a gap of several chunks", {{3, 40}}, {"#1 3+16", "#1 19+16", "#1 35+8", "#1 96+4"}},
-        {"the tail itself", {{96, 4}}, {"#1 96+4"}},
-        {"up to the end, off the grid", {{90, 10}}, {"#1 90+10"}},
-        {"to one before the end", {{90, 9}}, {"#1 90+9", "#1 96+4"}},
-        {"beyond the end", {{90, 11}}, {"#1 90+10"}},
-        {"a length that would wrap", {{90, UINT32_MAX}}, {"#1 90+10"}},
-        {"a start that would wrap", {{UINT32_MAX, 2}}, {"#1 96+4"}},
-        {"starting at the end", {{100, 5}}, {"#1 96+4"}},
-        {"empty", {{10, 0}}, {"#1 96+4"}},
-        {"the end first", {{90, 10}, {0, 5}}, {"#1 90+10", "#1 0+5", "#1 96+4"}},
-        {"void behind the end", {{90, 10}, {200, 1}, {50, 0}}, {"#1 90+10"}},
+        {{}, {"#1 96+4"}},
+        {{{3, 40}}, {"#1 3+16", "#1 19+16", "#1 35+8", "#1 96+4"}},
+        {{{96, 4}}, {"#1 96+4"}},
+        {{{90, 9}}, {"#1 90+9", "#1 96+4"}}, // to one before the end
+        {{{90, 11}}, {"#1 90+10"}},
+        {{{90, UINT32_MAX}}, {"#1 90+10"}}, // neither a length nor a start wraps
+        {{{UINT32_MAX, 2}}, {"#1 96+4"}},
+        {{{100, 5}, {10, 0}}, {"#1 96+4"}}, // void
+        {{{90, 10}, {0, 5}}, {"#1 90+10", "#1 0+5", "#1 96+4"}},
+        {{{90, 10}, {200, 1}, {50, 0}}, {"#1 90+10"}},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.why);
+        SCOPED_TRACE(&row - rows);
         clip_end a(7, 37);
         a.offer(pattern(100));
         sent_by(a);
@@ -159,7 +145,6 @@ TEST(ClipSend, EveryEndIsLogged) {
     } rows[] = {
         {"clipboard: #1 PNG, 9 B delivered in 0 ms (1 pass)", [](clip_end &a) { a.feed(clip_ack(1, 0)); }},
         {"clipboard: #1 PNG, 9 B rejected by the peer", [](clip_end &a) { a.feed(clip_ack(1, 2)); }},
-        {"clipboard: #1 PNG, 9 B rejected by the peer", [](clip_end &a) { a.feed(clip_ack(1, 255)); }},
         {"clipboard: #1 dropped (session changed)",
          [](clip_end &a) { tarn_clip_set_session(a.clip, 8, 37); }},
         {"clipboard: #1 dropped (session changed)",
@@ -206,23 +191,14 @@ TEST(ClipSend, SilenceOfFiveSecondsOrTwoMinutesInAll) {
 TEST(ClipSend, WhatIsNotOffered) {
     clip_end a, idle(0);
     const bytes most = pattern(TARN_CLIP_PNG_MAX + 1);
-    const struct {
-        uint8_t kind;
-        size_t size;
-        const char *log; // null: none
-    } rows[] = {
-        {TARN_CLIP_TEXT, 1048577, "clipboard: not sending text of 1048577 B (limit 1048576 B)"},
-        {TARN_CLIP_PNG, 16777217, "clipboard: not sending PNG of 16777217 B (limit 16777216 B)"},
-        {3, 5, "clipboard: not sending ? of 5 B (limit 0 B)"},
-        {0, 5, "clipboard: not sending ? of 5 B (limit 0 B)"},
-        {3, 0, nullptr},
+    const auto refused = [&](uint8_t kind, size_t size) {
+        EXPECT_EQ(tarn_clip_offer(a.clip, kind, most.data(), size), 0u);
+        return a.log();
     };
-    for (const auto &row : rows) {
-        EXPECT_EQ(tarn_clip_offer(a.clip, row.kind, most.data(), row.size), 0u);
-        EXPECT_EQ(a.log(), row.log ? texts{row.log} : none);
-    }
-    EXPECT_EQ(tarn_clip_offer(a.clip, TARN_CLIP_TEXT, nullptr, 5), 0u);
-    EXPECT_EQ(tarn_clip_offer(nullptr, TARN_CLIP_TEXT, most.data(), 5), 0u);
+    EXPECT_EQ(refused(1, 1048577), texts{"clipboard: not sending text of 1048577 B (limit 1048576 B)"});
+    EXPECT_EQ(refused(2, 16777217), texts{"clipboard: not sending PNG of 16777217 B (limit 16777216 B)"});
+    EXPECT_EQ(refused(3, 5), texts{"clipboard: not sending ? of 5 B (limit 0 B)"});
+    EXPECT_EQ(refused(3, 0), none);
     EXPECT_EQ(idle.offer(pattern(5)), 0u);
     EXPECT_EQ(idle.log(), none);
     fail_in = 1;
@@ -238,21 +214,22 @@ TEST(ClipSend, WhatIsNotOffered) {
 }
 
 TEST(ClipSend, RateBucket) {
-    const struct {
-        uint32_t rate;
-        int64_t wait_ms; // until the 80 bytes are there that the 15th packet lacks
-    } rows[] = {{1000, 80}, {3000, 27}, {80001, 1}, {79999, 2}, {UINT32_MAX, 1}, {0, 1}, {1, 80000}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.rate);
-        clip_end a(7, 1176, row.rate);
+    // The wait in ms until the 80 bytes are there that the 15th packet lacks.
+    const std::pair<uint32_t, int64_t> rows[] = {{3000, 27}, {80001, 1}, {79999, 2}, {0, 1}, {1, 80000}};
+    for (const auto &[rate, wait_ms] : rows) {
+        SCOPED_TRACE(rate);
+        clip_end a(7, 1176, rate);
         a.offer(pattern(100000));
         EXPECT_EQ(sent_by(a).size(), 14u); // 16384 bytes and a packet
-        EXPECT_EQ(next_due(), tarn_now_us() + row.wait_ms * ms);
+        EXPECT_EQ(next_due(), tarn_now_us() + wait_ms * ms);
+    }
+    for (const uint32_t rate : {100000u, 0u}) {
+        clip_end even(7, 1176, rate);
+        even.offer(pattern(TARN_CLIP_PNG_MAX), TARN_CLIP_PNG);
+        sent_by(even);
+        EXPECT_NEAR(static_cast<double>(after(even, second).size()), (rate ? rate : 5e6) / 1176, 1);
     }
     clip_end a(7, 1176, 100000);
-    a.offer(pattern(TARN_CLIP_TEXT_MAX));
-    sent_by(a);
-    EXPECT_NEAR(static_cast<double>(after(a, second).size()), 100000 / 1176.0, 1);
     tarn_clip_set_session(a.clip, 8, 1176);
     advance(600 * second); // rest fills the bucket, and no more
     a.offer(pattern(100000));
@@ -288,21 +265,19 @@ TEST(ClipSend, SendingTakesPlaceOutsideTheLock) {
     EXPECT_EQ(next_due(), tarn_now_us() + 100 * ms);
 }
 
-TEST(ClipReceive, OtherPacketsAreNotTaken) {
+TEST(ClipReceive, OtherPacketsAreNotTakenAndADeliveryMayOffer) {
     clip_end a;
-    bytes sealed = clip_chunk(1, 1, 1, 0, {'x'}), ping = sealed, bare = sealed;
-    sealed[1] = TARN_VERSION_SEALED;
-    ping[2] = TARN_PKT_PING;
-    bare.resize(8); // a clipboard packet, though a useless one
-    EXPECT_EQ(a.feed(sealed), 0);
-    EXPECT_EQ(a.feed(ping), 0);
-    EXPECT_EQ(a.feed(prefix(bare, 7)), 0);
-    EXPECT_EQ(tarn_clip_receive(a.clip, nullptr, 30), 0);
-    EXPECT_EQ(tarn_clip_receive(nullptr, bare.data(), bare.size()), 0);
-    EXPECT_EQ(a.feed(bare), 1);
-    bare[2] = TARN_PKT_CLIPBOARD_ACK;
-    EXPECT_EQ(a.feed(bare), 1);
+    const bytes chunk = clip_chunk(1, 1, 1, 0, {'x'});
+    for (const size_t changed : {1u, 2u}) { // the version, the type
+        bytes other = chunk;
+        other[changed] = 2;
+        EXPECT_EQ(a.feed(other), 0);
+    }
+    EXPECT_EQ(a.feed(prefix(chunk, 7)), 0);
+    EXPECT_EQ(a.feed(prefix(chunk, 8)), 1); // a clipboard packet, though a useless one
     EXPECT_TRUE(sent_by(a).empty() && a.delivered().empty());
+    a.delivering = [&](const clip_end::blob &got) { a.offer(got.data, got.kind); }; // would hang
+    EXPECT_EQ(answer(a, chunk), (texts{"#1 status 0", "#1 0+1"}));
 }
 
 TEST(ClipReceive, AnswersAtTheEndOfAPassOnly) {
@@ -346,12 +321,10 @@ TEST(ClipReceive, RejectsWhatIsTooMuch) {
         uint32_t total;
         const char *log; // null: taken
     } rows[] = {
-        {1, 2000000, "clipboard: rejecting #1: text of 2000000 B"},
         {1, 1048577, "clipboard: rejecting #1: text of 1048577 B"},
         {1, 1048576, nullptr},
         {2, 16777216, nullptr},
-        {0, 1, "clipboard: rejecting #1: ? of 1 B"},
-        {3, 16777216, "clipboard: rejecting #1: ? of 16777216 B"},
+        {3, 1, "clipboard: rejecting #1: ? of 1 B"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.total);
@@ -381,8 +354,7 @@ TEST(ClipReceive, RejectsWhatIsTooMuch) {
 TEST(ClipReceive, AcksHoldWhatThePathCarries) {
     const struct {
         size_t max_packet, ranges;
-    } rows[] = {{0, 1},  {13, 1}, {14, 1},   {21, 1},   {29, 1},   {30, 2},
-                {37, 2}, {38, 3}, {525, 63}, {526, 64}, {534, 64}, {1176, 64}};
+    } rows[] = {{0, 1}, {29, 1}, {30, 2}, {525, 63}, {526, 64}, {1176, 64}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.max_packet);
         clip_end b(7, row.max_packet);
@@ -482,19 +454,12 @@ TEST(Clip, LivesWithoutOptionalCallbacks) {
     EXPECT_EQ(tarn_clip_receive(clip, packet.data(), packet.size()), 1); // freed by the object
     settle();
     tarn_clip_destroy(clip);
-    EXPECT_EQ(tarn_clip_create(nullptr), nullptr);
-    tarn_clip_config silent = config;
-    silent.send = nullptr;
-    EXPECT_EQ(tarn_clip_create(&silent), nullptr);
     fail_in = 1;
     EXPECT_EQ(tarn_clip_create(&config), nullptr);
     fail_in = 0;
     fail_starts(true);
     EXPECT_EQ(tarn_clip_create(&config), nullptr);
     fail_starts(false);
-    tarn_clip_destroy(nullptr);
-    tarn_clip_set_session(nullptr, 1, 1);
-    tarn_clip_free(nullptr);
     {
         clip_end busy(7, 37, 1000); // ends in the middle of both directions
         busy.offer(pattern(100000));
@@ -503,7 +468,8 @@ TEST(Clip, LivesWithoutOptionalCallbacks) {
     EXPECT_EQ(running(), 0);
 }
 
-// Two ends and the wire between them. `lose` says for each packet whether it is lost; nothing takes time but the ends.
+// Two ends and the wire between them. `lose` says for each packet whether it is lost; nothing takes time but
+// the ends.
 struct wire {
     clip_end a, b;
     std::function<bool(bool from_a, const bytes &)> lose = [](bool, const bytes &) { return false; };
@@ -535,28 +501,23 @@ struct wire {
 TEST(ClipWire, OneLossAtATime) {
     const bytes blob = pattern(100);
     const struct {
-        const char *why, *log;
-        std::function<bool(int n, bool from_a, const bytes &)> lose; // n-th packet of that end, from 1
-    } rows[] = {
-        {"nothing", "delivered in 0 ms (1 pass)", [](int, bool, const bytes &) { return false; }},
-        {"all but the tail", "delivered in 0 ms (2 passes)",
-         [](int n, bool from_a, const bytes &) { return from_a && n < 7; }},
-        {"the tail", "delivered in 100 ms (1 pass)",
-         [](int n, bool from_a, const bytes &) { return from_a && n == 7; }},
-        {"a chunk and the tail", "delivered in 100 ms (2 passes)",
-         [](int n, bool from_a, const bytes &) { return from_a && (n == 2 || n == 7); }},
-        {"the final answer, twice", "delivered in 200 ms (1 pass)",
-         [](int n, bool from_a, const bytes &) { return !from_a && n < 3; }},
-    };
+        const char *log;
+        std::vector<int> lost_of_a, lost_of_b = {}; // by number, from 1; seven chunks make the first pass
+    } rows[] = {{"delivered in 0 ms (1 pass)", {}},
+                {"delivered in 0 ms (2 passes)", {1, 2, 3, 4, 5, 6}},
+                {"delivered in 100 ms (1 pass)", {7}},
+                {"delivered in 100 ms (2 passes)", {2, 7}},
+                {"delivered in 200 ms (1 pass)", {}, {1, 2}}}; // the final answer, twice
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.why);
         wire w(37);
         int counts[2] = {0, 0};
-        w.lose = [&](bool from_a, const bytes &p) { return row.lose(++counts[from_a], from_a, p); };
+        w.lose = [&](bool from_a, const bytes &) {
+            const std::vector<int> &lost = from_a ? row.lost_of_a : row.lost_of_b;
+            return std::count(lost.begin(), lost.end(), ++counts[from_a]) > 0;
+        };
         w.a.offer(blob);
         w.run();
-        EXPECT_EQ(w.a.log(), (texts{"clipboard: sending #1 text, 100 B",
-                                    std::string("clipboard: #1 text, 100 B ") + row.log}));
+        EXPECT_EQ(w.a.log().back(), std::string("clipboard: #1 text, 100 B ") + row.log);
         const auto got = w.b.delivered();
         ASSERT_EQ(got.size(), 1u);
         EXPECT_EQ(got[0].data, blob);
@@ -581,68 +542,20 @@ TEST(ClipWire, MoreGapsThanAnAnswerHolds) {
 }
 
 TEST(ClipWire, BothDirectionsUnderLoss) {
-    for (const unsigned loss : {5u, 15u, 30u}) {
-        for (uint64_t seed = 1; seed <= 20; seed++) {
-            SCOPED_TRACE("loss " + std::to_string(loss) + ", seed " + std::to_string(seed));
-            test_random random(seed);
-            wire w(200 + random.below(300));
-            w.lose = [&](bool, const bytes &) { return random.below(100) < loss; };
-            const bytes there = pattern(40000 + random.below(90000), seed),
-                        back = pattern(1 + random.below(50000), seed + 99);
-            w.a.offer(there, TARN_CLIP_PNG);
-            w.b.offer(back);
-            w.run();
-            const auto at_b = w.b.delivered(), at_a = w.a.delivered();
-            ASSERT_EQ(at_b.size(), 1u);
-            ASSERT_EQ(at_a.size(), 1u);
-            ASSERT_EQ(at_b[0].data, there);
-            ASSERT_EQ(at_a[0].data, back);
-        }
+    for (uint64_t seed = 1; seed <= 60; seed++) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        test_random random(seed);
+        wire w(200 + random.below(300));
+        w.lose = [&](bool, const bytes &) { return random.below(100) < seed / 2; };
+        const bytes there = pattern(40000 + random.below(90000), seed),
+                    back = pattern(1 + random.below(50000), seed + 99);
+        w.a.offer(there, TARN_CLIP_PNG);
+        w.b.offer(back);
+        w.run();
+        const auto at_b = w.b.delivered(), at_a = w.a.delivered();
+        ASSERT_TRUE(at_b.size() == 1 && at_a.size() == 1);
+        ASSERT_TRUE(at_b[0].data == there && at_a[0].data == back);
     }
-}
-
-TEST(ClipWire, SixteenMebibytesWithinTheRate) {
-    wire w;
-    const int64_t start = tarn_now_us();
-    double sent = 0, over = 0;
-    w.a.sending = [&](const bytes &p) {
-        sent += static_cast<double>(p.size());
-        over = std::max(over, sent - 5.0 * static_cast<double>(tarn_now_us() - start));
-    };
-    int answers = 0;
-    w.lose = [&](bool from_a, const bytes &) { return answers += !from_a, false; };
-    const bytes blob = pattern(TARN_CLIP_PNG_MAX);
-    w.a.offer(blob, TARN_CLIP_PNG);
-    w.run();
-    const auto got = w.b.delivered();
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_TRUE(got[0].data == blob);
-    EXPECT_LE(over, 16384 + 1176);
-    EXPECT_EQ(answers, 1);
-    const double seconds = static_cast<double>(tarn_now_us() - start) / 1e6;
-    EXPECT_NEAR(seconds, sent / 5e6, 0.01);
-}
-
-TEST(ClipWire, TheNewestOfferWins) {
-    wire w(37);
-    std::vector<bytes> late;
-    w.lose = [&](bool from_a, const bytes &p) {
-        if (from_a && clip_show(p).starts_with("#1 ")) return late.push_back(p), true;
-        return false;
-    };
-    w.a.offer(pattern(1000, 1));
-    w.carry();
-    w.a.offer(pattern(50, 2));
-    w.carry();
-    for (const bytes &p : late)
-        w.b.feed(p);
-    w.run();
-    for (const bytes &p : late)
-        w.b.feed(p);
-    const auto got = w.b.delivered();
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].data, pattern(50, 2));
-    EXPECT_TRUE(w.b.packets().empty());
 }
 
 TEST(ClipWire, NumbersWrapPastZero) {
@@ -660,14 +573,6 @@ TEST(ClipWire, NumbersWrapPastZero) {
     w.b.feed(clip_chunk(0x80000002, 1, 1, 0, {'x'})); // half the circle on: older
     w.b.feed(clip_chunk(0x80000001, 1, 1, 0, {'x'})); // one before: newer
     EXPECT_EQ(w.b.shown(), texts{"#2147483649 status 0"});
-}
-
-TEST(ClipWire, ADeliveryMayOfferAtOnce) {
-    wire w;
-    w.b.delivering = [&](const clip_end::blob &got) { w.b.offer(got.data, got.kind); };
-    w.a.offer(pattern(3000), TARN_CLIP_PNG);
-    w.run();
-    EXPECT_EQ(w.a.delivered().size(), 1u);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
-// Clipboard transfer on real threads and the real clock: two objects, a network thread for each direction, and users
-// who copy and change sessions at random. The thread sanitizer judges; by itself the test sees that the last blob
-// arrives whole, and that nothing hangs.
+// Clipboard transfer on real threads and the real clock: two objects, a network thread for each direction,
+// and users who copy and change sessions at random. The thread sanitizer judges; by itself the test sees that
+// the last blob arrives whole, and that nothing hangs.
 #include <gtest/gtest.h>
 
 #include <condition_variable>

@@ -1,5 +1,6 @@
-// Pairing of both engines on the virtual clock: which attempts a host lets through and what it says, how many guesses
-// that leaves an attacker, what a client makes of every answer, and both together through loss, repeats and strangers.
+// Pairing of both engines on the virtual clock: which attempts a host lets through and what it says, how many
+// guesses that leaves an attacker, what a client makes of every answer, and both together through loss,
+// repeats and strangers.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -19,7 +20,7 @@ const char *const host_at = "203.0.113.5:9000", *const client_at = "198.51.100.2
 const tarn_addr at_host = ep(host_at), at_a = ep("203.0.113.10:5000"), at_b = ep("198.51.100.30:6000");
 const std::string host_code = code_of(test_key(200).public_key), guest_code = code_of(test_key(7).public_key);
 
-// The stored line of a password, cheap to derive, and the key in it as text.
+// The stored line of a password, cheap to derive; the key in it as text is its end.
 std::string line_of(const char *password, uint32_t blocks = 8, uint32_t passes = 1) {
     const bytes salt(16, 0x5A);
     uint8_t key[32];
@@ -27,7 +28,6 @@ std::string line_of(const char *password, uint32_t blocks = 8, uint32_t passes =
     return "tarnglider-pw1 " + hex(salt) + " " + std::to_string(blocks) + " " + std::to_string(passes) + " " +
            hex(key, 32);
 }
-std::string key_in(const std::string &line) { return line.substr(line.find_last_not_of('\n') - 63, 64); }
 void named(tarn_host_config &c) { c.name = "Studio"; }
 tarn_host_pairing_state state_of(const host_rig &host) {
     tarn_host_pairing_state s;
@@ -39,12 +39,12 @@ std::string replaced(std::string in, const std::string &what, const std::string 
         in.replace(at, what.size(), with);
     return in;
 }
-// What was logged and reported, in one text with short forms: "try" is an attempt, d and m are an event's detail and
-// method, A and B the two addresses, K the guest's key code.
+// What was logged and reported, in one text with short forms: "try" is an attempt, d and m are an event's
+// detail and method, A and B the two addresses, K the guest's key code and H the host's.
 std::string told(engine_rig &rig) {
     static const std::pair<std::string, std::string> shorts[] = {
-        {"pairing attempt", "try"}, {"detail=", "d"},  {"method=", "m"}, {"addr=", ""},
-        {text(at_a), "A"},          {text(at_b), "B"}, {guest_code, "K"}};
+        {"pairing attempt", "try"}, {"detail=", "d"},  {"method=", "m"},  {"addr=", ""},
+        {text(at_a), "A"},          {text(at_b), "B"}, {guest_code, "K"}, {host_code, "H"}};
     std::string all;
     for (const std::string &s : rig.told())
         all += (all.empty() ? "" : "; ") + s;
@@ -69,9 +69,10 @@ std::string ask(host_rig &host, const bytes &packet, const tarn_addr &from = at_
     }
     return all;
 }
-void pass(host_rig &host, int64_t us) {
+template <class Rig>
+int pass(Rig &rig, int64_t us) {
     virtual_clock::advance(us);
-    host.tick();
+    return rig.tick();
 }
 
 // One run of a client played by hand. Its confirmation is there once the host's answer opened.
@@ -79,8 +80,8 @@ struct guess {
     tarn_pair pair = {};
     bytes init = bytes(TARN_PAIR_INIT_SIZE), confirm;
     guess() = default;
-    guess(const std::string &secret, int method, uint8_t key = 7) {
-        const tarn_keypair own = test_key(key);
+    guess(const std::string &secret, int method) {
+        const tarn_keypair own = test_key(7);
         size_t size;
         tarn_pair_client_start(&pair, &own, "guest", secret.c_str(), init.data(), init.size(), &size);
         init[3] = method == TARN_SECRET_PASSWORD;
@@ -96,10 +97,24 @@ struct guess {
     }
 };
 
-// Plays a script against a host and compares, line by line, what is answered, logged and reported ("action | outcome"):
+// The rows of a table or script, "left | right": one a line, or several with " / " between them.
+std::vector<std::pair<std::string, std::string>> rows_of(const std::string &table) {
+    std::vector<std::pair<std::string, std::string>> rows;
+    std::istringstream in(replaced(table, " / ", "\n"));
+    for (std::string row; std::getline(in, row);) {
+        const size_t bar = std::min(row.find('|'), row.size()), from = row.find_first_not_of("| ", bar),
+                     to = row.find_last_not_of(' ') + 1;
+        const std::string left = row.substr(0, bar);
+        if (left.find_first_not_of(' ') != std::string::npos)
+            rows.push_back({left, from >= to ? "" : row.substr(from, to - from)});
+    }
+    return rows;
+}
+
+// Plays a script against a host and compares what is answered, logged and reported ("action | outcome"):
 //   init RUN SECRET   a first message; the secret is wrong or pin (by PIN), bad or password (by password)
-//   again, confirm, forge RUN   it again; its confirmation, or that with a bit flipped
-//   wait US, open S, close 0    time, and the caller
+//   again, confirm, forge RUN        it again; its confirmation, or that with a bit flipped
+//   wait US, open S, shut 0, break N   time, the caller, and a random source whose N-th draw fails
 // In upper case an action comes from B, else from A. Runs and the host stay between two scripts.
 struct script {
     host_rig &host;
@@ -112,35 +127,28 @@ struct script {
         guess &run = runs[name];
         if (what == 'i') {
             const bool pin = secret == "wrong" || secret == "pin";
-            run = guess(secret == "pin"        ? state_of(host).pin
-                        : secret == "password" ? password
-                                               : secret,
-                        pin ? 1 : 2);
+            const std::string own = secret == "pin" ? state_of(host).pin : secret;
+            run = guess(secret == "password" ? password : own, pin ? 1 : 2);
             return run.begin(host, from);
         }
         bytes forged = run.confirm;
         if (!forged.empty()) forged.back() ^= 1;
-        if (what == 'a') return ask(host, run.init, from);
-        if (verb == "confirm" || what == 'f' || verb == "CONFIRM")
-            return ask(host, what == 'f' ? forged : run.confirm, from);
+        if (what == 'a' || what == 'c' || what == 'f')
+            return ask(host, what == 'a' ? run.init : what == 'c' ? run.confirm : forged, from);
         const int64_t number = std::stoll(name);
         if (what == 'w') pass(host, number);
         if (what == 'o') tarn_host_pairing_open(host.h, static_cast<uint32_t>(number));
-        if (verb == "close") tarn_host_pairing_close(host.h);
+        if (what == 's') tarn_host_pairing_close(host.h);
+        if (what == 'b') seeded_random::fail_at(static_cast<int>(number));
         return "";
     }
     void operator()(const char *lines) {
-        std::istringstream in(lines);
-        for (std::string line; std::getline(in, line);) {
-            std::istringstream action(line.substr(0, line.find('|')));
+        for (const auto &[action, outcome] : rows_of(lines)) {
+            std::istringstream words(action);
             std::string verb, name, secret;
-            if (!(action >> verb >> name)) continue;
-            action >> secret;
-            const std::string out = act(verb, name, secret), more = told(host),
-                              rest = line.substr(line.find('|') + 1);
-            EXPECT_EQ(out + (out.empty() || more.empty() ? "" : "; ") + more,
-                      rest.substr(std::min(rest.size(), rest.find_first_not_of(' '))))
-                << line;
+            words >> verb >> name >> secret;
+            const std::string out = act(verb, name, secret), more = told(host);
+            EXPECT_EQ(out + (out.empty() || more.empty() ? "" : "; ") + more, outcome) << action;
         }
     }
 };
@@ -156,43 +164,32 @@ protected:
 // ---- The host by itself
 
 TEST_F(Pairing, WindowOpensAndCloses) {
-    host_rig fresh(0, named), host(1, named);
-    tarn_host_pairing_state s = state_of(fresh);
+    host_rig fresh(0), host(1);
+    const tarn_host_pairing_state s = state_of(fresh);
     EXPECT_TRUE(s.open && s.seconds_left == 0 && !s.password_set && !s.password_locked &&
                 s.code == host_code);
-    EXPECT_EQ(tarn_secret_guess_kind(s.pin), TARN_SECRET_PIN);
     pass(fresh, 1000 * 86400 * second); // without a deadline it stays open
-    EXPECT_TRUE(state_of(fresh).open);
-    EXPECT_TRUE(!state_of(host).open && all_zero(state_of(host).pin, 8) && all_zero(host.h->pairing.pin, 8));
-    tarn_host_pairing_close(host.h);
-    EXPECT_EQ(told(host), "");
-    const std::pair<uint32_t, const char *> draws[] = {{4293999999u, "999999"}, {7, "000007"}, {0, "000000"}};
-    for (const auto &[draw, pin] : draws) { // a draw from the uneven end is drawn again
-        for (uint32_t value : {4294000000u, 0xFFFFFFFFu, draw})
-            seeded_random::push(le32(value).data(), 4);
-        tarn_host_pairing_open(host.h, 0);
-        EXPECT_STREQ(state_of(host).pin, pin);
-        EXPECT_EQ(told(host), "pairing open for 120 s");
-    }
+    EXPECT_TRUE(state_of(fresh).open && !state_of(host).open && all_zero(state_of(host).pin, 8));
     script play{host, ""};
+    play("shut 0 |");
+    for (const auto &[draw, pin] : {std::pair{4293999999u, "999999"}, {7u, "000007"}}) {
+        for (uint32_t value : {4294000000u, 0xFFFFFFFFu, draw}) // the uneven end is drawn again
+            seeded_random::push(le32(value).data(), 4);
+        play("open 0 | pairing open for 120 s");
+        EXPECT_STREQ(state_of(host).pin, pin);
+    }
     play("open 3 | pairing open for 3 s");
     const std::tuple<int64_t, uint32_t, bool> left[] = {
-        {0, 3, true}, {1, 3, true},     {1800 * ms - 1, 2, true}, {200 * ms - 1, 2, true},
-        {1, 1, true}, {second, 0, true}};
+        {0, 3, true}, {1800 * ms, 2, true}, {200 * ms - 1, 2, true}, {1, 1, true}, {second, 0, true}};
     for (const auto &[us, seconds, open] : left) { // rounded up; the deadline itself is not past
         pass(host, us);
         EXPECT_TRUE(state_of(host).seconds_left == seconds && state_of(host).open == open) << us;
     }
-    play(R"(
-        wait 1   | pairing closed (timed out); 5
-        wait 1   |
-        open 30  | pairing open for 30 s
-        close 0  | pairing closed (closed); 5
-        close 0  |)");
+    play("wait 1 | pairing closed (timed out); 5 / wait 1 | / open 30 | pairing open for 30 s / "
+         "shut 0 | pairing closed (closed); 5 / shut 0 |");
     EXPECT_TRUE(!state_of(host).open && all_zero(host.h->pairing.pin, 8));
-    seeded_random::fail_at(1); // a PIN that isn't random is none
-    tarn_host_pairing_open(host.h, 30);
-    play("init a wrong | fail 3");
+    // A PIN that isn't random is none.
+    play("break 1 | / open 30 | pairing closed (no random numbers); 5 / init a wrong | fail 3");
 }
 
 TEST_F(Pairing, QueryTellsWhatTheHostOffers) {
@@ -204,25 +201,23 @@ TEST_F(Pairing, QueryTellsWhatTheHostOffers) {
         ask(host, query, at_a, &reply);
         return hex(reply);
     };
-    const auto want = [](const char *flags, const std::string &password) {
-        return "500156000000000078563412" + (flags + password) + hex(test_key(200).public_key, 32) +
-               "0653747564696f";
+    const auto expect = [&](const char *flags, const std::string &password) {
+        EXPECT_EQ(info(), "500156000000000078563412" + (flags + password) +
+                              hex(test_key(200).public_key, 32) + "0653747564696f");
     };
-    const std::string none(48, '0'), password = "0900000002000000"
-                                                "5a5a5a5a5a5a5a5a5a5a5a5a5a5a5a5a";
-    EXPECT_EQ(info(), want("01", none));
+    const std::string none(48, '0'), password = "0900000002000000" + hex(bytes(16, 0x5A));
+    expect("01", none);
     tarn_host_pairing_close(host.h);
-    EXPECT_EQ(info(), want("00", none));
+    expect("00", none);
     load_password(host.h, line_of("p", 9, 2).c_str());
-    EXPECT_EQ(info(), want("02", password));
     host.h->pairing.password_locked_until_us = conn_now() + 1;
+    expect("06", password);
     tarn_host_pairing_open(host.h, 1);
-    EXPECT_EQ(info(), want("07", password));
     virtual_clock::advance(1);
-    EXPECT_EQ(info(), want("03", password));
+    expect("03", password);
     tarn_host_clear_password(host.h);
-    EXPECT_EQ(info(), want("01", none));
-    for (size_t size : {8u, 63u, 65u}) {
+    expect("01", none);
+    for (size_t size : {63u, 65u}) {
         bytes other = query;
         other.resize(size);
         EXPECT_EQ(ask(host, other), "");
@@ -241,107 +236,68 @@ TEST_F(Pairing, PinAttemptsToTheLetter) {
     script play{host, ""};
     const std::string first_pin = state_of(host).pin;
     play(R"(
-        init a wrong   | resp; try 1/3 (PIN) from A; 2 d1 m1 A
-        again a        | resp
-        INIT b wrong   | resp; try 1 (PIN) from A failed: replaced by a new attempt; try 2/3 (PIN) from B; 3 d1 m1 A; 2 d2 m1 B
-        wait 10000000  |
-        wait 1         | try 2 (PIN) from B failed: no confirmation (wrong PIN?); 3 d1 m1 B
-        init c pin     | resp; try 3/3 (PIN) from A; 2 d3 m1 A
-        FORGE c        | fail 1; try 3 (PIN) from A failed: bad confirmation; 3 d1 m1 A
-        confirm c      |
-        INIT d pin     | fail 2; PIN pairing locked after 3 attempts (last from B): new PIN; 3 d2 m1 B; 4)");
+        init a wrong | resp; try 1/3 (PIN) from A; 2 d1 m1 A / again a | resp
+        INIT b wrong | resp; try 1 (PIN) from A failed: replaced by a new attempt; try 2/3 (PIN) from B; 3 d1 m1 A; 2 d2 m1 B
+        wait 10000000 | / wait 1 | try 2 (PIN) from B failed: no confirmation (wrong PIN?); 3 d1 m1 B
+        init c pin   | resp; try 3/3 (PIN) from A; 2 d3 m1 A
+        FORGE c      | fail 1; try 3 (PIN) from A failed: bad confirmation; 3 d1 m1 A / confirm c |
+        INIT d pin   | fail 2; PIN pairing locked after 3 attempts (last from B): new PIN; 3 d2 m1 B; 4)");
     EXPECT_NE(state_of(host).pin, first_pin);
     play(R"(
-        open 60        | pairing open for 60 s
-        wait 4000000   |
-        init a wrong   | resp; try 1/3 (PIN) from A; 2 d1 m1 A
-        FORGE a        |
-        init b wrong   | resp; try 1 (PIN) from A failed: replaced by a new attempt; try 2/3 (PIN) from A; 3 d1 m1 A; 2 d2 m1 A
-        init c wrong   | resp; try 2 (PIN) from A failed: replaced by a new attempt; try 3/3 (PIN) from A; 3 d1 m1 A; 2 d3 m1 A
-        again c        | resp
-        init d pin     | fail 2; try 3 (PIN) from A failed: no confirmation; PIN pairing locked after 3 attempts (last from A): new PIN; 3 d1 m1 A; 3 d2 m1 A; 4)");
+        open 60      | pairing open for 60 s / wait 4000000 |
+        init a wrong | resp; try 1/3 (PIN) from A; 2 d1 m1 A / FORGE a |
+        init b wrong | resp; try 1 (PIN) from A failed: replaced by a new attempt; try 2/3 (PIN) from A; 3 d1 m1 A; 2 d2 m1 A
+        init c wrong | resp; try 2 (PIN) from A failed: replaced by a new attempt; try 3/3 (PIN) from A; 3 d1 m1 A; 2 d3 m1 A
+        init d pin   | fail 2; try 3 (PIN) from A failed: no confirmation; PIN pairing locked after 3 attempts (last from A): new PIN; 3 d1 m1 A; 3 d2 m1 A; 4)");
     EXPECT_EQ(state_of(host).seconds_left, 56u); // the deadline stays
     play(R"(
-        init a pin     | resp; try 1/3 (PIN) from A; 2 d1 m1 A
-        close 0        | pairing closed (closed); 5
-        CONFIRM a      | done; paired with "guest" (K) from B using the PIN; 1 m1 B key=K name=guest
-        confirm a      | done
-        again a        | fail 3
-        wait 11000000  |
-        open 60        | pairing open for 60 s
-        init a pin     | resp; try 1/3 (PIN) from A; 2 d1 m1 A
-        init b pin     | resp; try 1 (PIN) from A failed: replaced by a new attempt; try 2/3 (PIN) from A; 3 d1 m1 A; 2 d2 m1 A
-        confirm a      |
-        confirm b      | done; paired with "guest" (K) from A using the PIN; pairing closed (paired); 1 m1 A key=K name=guest; 5)");
+        init a pin   | resp; try 1/3 (PIN) from A; 2 d1 m1 A / shut 0 | pairing closed (closed); 5
+        CONFIRM a    | done; paired with "guest" (K) from B using the PIN; 1 m1 B key=K name=guest
+        confirm a    | done / again a | fail 3 / wait 11000000 | / open 60 | pairing open for 60 s
+        init a pin   | resp; try 1/3 (PIN) from A; 2 d1 m1 A
+        init b pin   | resp; try 1 (PIN) from A failed: replaced by a new attempt; try 2/3 (PIN) from A; 3 d1 m1 A; 2 d2 m1 A
+        confirm a    | / confirm b | done; paired with "guest" (K) from A using the PIN; pairing closed (paired); 1 m1 A key=K name=guest; 5)");
     EXPECT_TRUE(!state_of(host).open && all_zero(host.h->pairing.pin, 8) &&
                 host.h->pairing.pin_pair.attempts == 0);
+    host_rig one(0, [](tarn_host_config &c) { c.pin_attempts = 1; });
+    script{one, ""}(R"(
+        init a wrong | resp; try 1/1 (PIN) from A; 2 d1 m1 A / FORGE a | / wait 10000001 | try 1 (PIN) from A failed: no confirmation (wrong PIN?); 3 d1 m1 A / break 3 |
+        init b pin   | fail 2; PIN pairing locked after 1 attempts (last from A): new PIN; pairing closed (no random numbers); 3 d2 m1 A; 5)");
+    EXPECT_TRUE(all_zero(&one.h->pairing.pin_pair, sizeof(tarn_pair)) && all_zero(one.h->pairing.pin, 8));
 }
 
 TEST_F(Pairing, PasswordAttemptsToTheLetter) {
     host_rig host(1, [](tarn_host_config &c) { c.password_attempts = 2, c.lockout_s = 5; });
     const std::string line = line_of("sesame");
-    script play{host, key_in(line)};
+    script play{host, line.substr(line.size() - 64)};
     play("init a bad | fail 3");
     load_password(host.h, line.c_str());
     play(R"(
-        open 60          | pairing open for 60 s
-        init a bad       | resp; try 1/2 (password) from A; 2 d1 m2 A
-        wait 999999      |
-        init b bad       |
-        again a          | resp
-        wait 1           |
-        init b password  | resp; try 1 (password) from A failed: replaced by a new attempt; try 2/2 (password) from A; 3 d1 m2 A; 2 d2 m2 A
-        confirm b        | done; paired with "guest" (K) from A using the password; 1 m2 A key=K name=guest
-        wait 1000000     |
-        init a bad       | resp; try 1/2 (password) from A; 2 d1 m2 A
-        wait 10000000    |
-        wait 1           | try 1 (password) from A failed: no confirmation (wrong password?); 3 d1 m2 A
-        init a bad       | resp; try 2/2 (password) from A; 2 d2 m2 A
-        wait 1000000     |
-        INIT a password  | fail 2; try 2 (password) from A failed: no confirmation; password pairing locked for 5 s after 2 attempts (last from B); 3 d1 m2 A; 3 d2 m2 B
-        wait 4999999     |)");
-    EXPECT_TRUE(state_of(host).open &&
-                state_of(host).password_locked); // success and lock leave the window alone
+        open 60         | pairing open for 60 s
+        init a bad      | resp; try 1/2 (password) from A; 2 d1 m2 A
+        wait 999999     | / init b bad | / again a | resp / wait 1 |
+        init b password | resp; try 1 (password) from A failed: replaced by a new attempt; try 2/2 (password) from A; 3 d1 m2 A; 2 d2 m2 A
+        confirm b       | done; paired with "guest" (K) from A using the password; 1 m2 A key=K name=guest / wait 1000000 |
+        init a bad      | resp; try 1/2 (password) from A; 2 d1 m2 A
+        wait 10000000   | / wait 1 | try 1 (password) from A failed: no confirmation (wrong password?); 3 d1 m2 A
+        init a bad      | resp; try 2/2 (password) from A; 2 d2 m2 A / wait 1000000 |
+        INIT a password | fail 2; try 2 (password) from A failed: no confirmation; password pairing locked for 5 s after 2 attempts (last from B); 3 d1 m2 A; 3 d2 m2 B
+        wait 4999999    |)");
+    EXPECT_TRUE(state_of(host).open && state_of(host).password_locked); // neither closes the window
     const int draws = seeded_random::draws();
     play("again b | fail 2"); // without running the exchange
     EXPECT_EQ(seeded_random::draws(), draws);
     play(R"(
-        init p pin       | resp; try 1/10 (PIN) from A; 2 d1 m1 A
-        wait 1           | password pairing unlocked
-        init a bad       | resp; try 1/2 (password) from A; 2 d1 m2 A)");
+        init p pin | resp; try 1/10 (PIN) from A; 2 d1 m1 A / wait 1 | password pairing unlocked
+        init a bad | resp; try 1/2 (password) from A; 2 d1 m2 A)");
     EXPECT_FALSE(state_of(host).password_locked);
     bytes confirm = guess("wrong", 2).init; // an id of no exchange, and none at all
     confirm[2] = TARN_PKT_PAIR_CONFIRM;
     EXPECT_EQ(ask(host, confirm) + ask(host, prefix(confirm, 23)), "");
     tarn_host_clear_password(host.h);
-    EXPECT_EQ(told(host), "pairing password cleared");
-    EXPECT_TRUE(all_zero(host.h->pairing.password_key, 32) &&
+    EXPECT_TRUE(all_zero(host.h->pairing.password_key, 32) && !state_of(host).password_set &&
                 all_zero(&host.h->pairing.password_pair, sizeof(tarn_pair)));
-    play("wait 5000000 |\n again a | fail 3");
-    EXPECT_FALSE(state_of(host).password_set);
-}
-
-TEST_F(Pairing, ShapesAndFloodsOfInits) {
-    host_rig host(0);
-    bytes init = guess("x", 1).init;
-    for (const auto &[size, flags] : {std::pair<size_t, uint8_t>{55, 0}, {57, 0}, {56, 2}, {56, 0x81}}) {
-        bytes p = init;
-        p.resize(size);
-        p[3] = flags;
-        EXPECT_EQ(ask(host, p), "");
-        EXPECT_EQ(host.h->pair_bucket.last_us, 0u); // not even the limit saw it
-    }
-    // Exchanges, and refusals, which have a limit of their own: no password is set.
-    for (const auto &[flags, wait, answers] :
-         {std::tuple{0, 0 * ms, 20}, {0, second, 10}, {1, 2 * second, 10}, {1, second, 5}}) {
-        virtual_clock::advance(wait);
-        int n = 0;
-        for (uint8_t i = 0; i < 100; i++) {
-            init[3] = static_cast<uint8_t>(flags), init[8] = i;
-            n += !ask(host, init).empty();
-        }
-        EXPECT_EQ(n, answers);
-    }
+    play("wait 5000000 | pairing password cleared / again a | fail 3");
 }
 
 // An attacker who asks as often as may be; an answer to a new init is a guess.
@@ -358,13 +314,30 @@ int64_t guesses(host_rig &host, int method, int64_t us, int64_t pace_us) {
     return n;
 }
 
-TEST_F(Pairing, GuessesOfADay) {
-    // A window that stands open: ten guesses for each PIN, and the eleventh init brings the next one. At ten inits a
-    // second that is most of a million PINs a day, so a caller must not leave a window open.
-    host_rig fresh(0), timed(1), locked(1);
-    EXPECT_NEAR(static_cast<double>(guesses(fresh, TARN_SECRET_PIN, 55 * second, 20 * ms)), 518,
-                1); // with the burst
-    EXPECT_EQ(guesses(fresh, TARN_SECRET_PIN, 55 * second, 20 * ms) * 86400 / 55, 785454);
+TEST_F(Pairing, FloodsOfInitsAndGuessesOfADay) {
+    host_rig host(0), timed(1), locked(1);
+    bytes init = guess("x", 1).init;
+    for (const auto &[size, flags] : {std::pair<size_t, uint8_t>{55, 0}, {57, 0}, {56, 2}, {56, 0x81}}) {
+        bytes p = init;
+        p.resize(size), p[3] = flags;
+        EXPECT_EQ(ask(host, p), "");
+        EXPECT_EQ(host.h->pair_bucket.last_us, 0u); // not even the limit saw it
+    }
+    // Exchanges, and refusals, which have a limit of their own: no password is set.
+    for (const auto &[flags, wait, answers] :
+         {std::tuple{0, 0 * ms, 20}, {0, second, 10}, {1, 2 * second, 10}, {1, second, 5}}) {
+        virtual_clock::advance(wait);
+        int n = 0;
+        for (uint8_t i = 0; i < 100; i++) {
+            init[3] = static_cast<uint8_t>(flags), init[8] = i;
+            n += !ask(host, init).empty();
+        }
+        EXPECT_EQ(n, answers);
+    }
+    // A window that stands open: ten guesses for each PIN, and the eleventh init brings the next one. At ten
+    // inits a second that is most of a million PINs a day, so a caller must not leave a window open.
+    guesses(host, TARN_SECRET_PIN, 55 * second, 20 * ms);
+    EXPECT_EQ(guesses(host, TARN_SECRET_PIN, 55 * second, 20 * ms) * 86400 / 55, 785454);
     tarn_host_pairing_open(timed.h, 120);
     EXPECT_NEAR(static_cast<double>(guesses(timed, TARN_SECRET_PIN, 200 * second, 20 * ms)), 1109, 1);
     // A password: ten guesses in ten seconds, then ten minutes of lock, all day long.
@@ -372,41 +345,32 @@ TEST_F(Pairing, GuessesOfADay) {
     EXPECT_EQ(guesses(locked, TARN_SECRET_PASSWORD, 86400 * second, 250 * ms), 1420);
 }
 
-TEST_F(Pairing, StoredLineIsReadOrRefused) {
+TEST_F(Pairing, PasswordLinesAreReadMadeOrRefused) {
     const std::string s(32, 'a'), k(64, 'b');
     // Words in short: S a good salt, K a good key, M the first word.
-    const std::pair<const char *, bool> rows[] = {{"M S 8 1 K", true},   {" M  S 1048576 16 K\n", true},
-                                                  {"M S 7 1 K", false},  {"M S 1048577 1 K", false},
-                                                  {"M S 8 0 K", false},  {"M S 8 17 K", false},
-                                                  {"M Sa 8 1 K", false}, {"M a 8 1 K", false},
-                                                  {"M S 8 1 Kb", false}, {"M S 8 1 b", false},
-                                                  {"M S 8 1", false},    {"M S 8 1 gK", false},
-                                                  {"Mx S 8 1 K", false}, {"x", false},
-                                                  {"M S -8 1 K", false}};
-    for (const auto &[row, good] : rows) {
+    for (const auto &[row, good] : rows_of(R"(
+        M S 8 1 K | yes /  M  S 1048576 16 K | yes / M S 7 1 K | no / M S 1048577 1 K | no / M S 8 0 K | no
+        M S 8 17 K | no / M Sa 8 1 K | no / M a 8 1 K | no / M S 8 1 Kb | no / M S 8 1 b | no / M S 8 1 | no
+        M S 8 1 gK | no / Mx S 8 1 K | no / x | no)")) {
         SCOPED_TRACE(row);
-        const std::string text = replaced(replaced(replaced(row, "S", s), "K", k), "M", "tarnglider-pw1");
+        const std::string line = replaced(replaced(replaced(row, "S", s), "K", k), "M", "tarnglider-pw1");
         engine_rig rig;
         tarn_host_config config = {};
         config.send = engine_rig::on_send, config.log = engine_rig::on_log, config.user = &rig;
-        tarn_host *h = tarn_host_create(&config, nullptr, text.c_str());
-        EXPECT_EQ(told(rig), good ? "" : "stored password is unreadable; password pairing is off");
-        EXPECT_EQ(h->pairing.password_set, good);
+        tarn_host *h = tarn_host_create(&config, nullptr, line.c_str());
+        const bool set = good == "yes";
+        EXPECT_EQ(told(rig), set ? "" : "stored password is unreadable; password pairing is off");
+        EXPECT_EQ(h->pairing.password_set, set);
         EXPECT_EQ(hex(h->pairing.password_salt, 16) + hex(h->pairing.password_key, 32),
-                  good ? s + k : std::string(96, '0'));
-        EXPECT_NE(all_zero(&h->pairing.password_pair, sizeof(tarn_pair)), good);
+                  set ? s + k : std::string(96, '0'));
         tarn_host_destroy(h);
     }
-}
-
-TEST_F(Pairing, SettingAPasswordAndItsFailures) {
     host_rig host(1);
     char line[TARN_PASSWORD_LINE_SIZE];
     const auto set = [&](const char *password, size_t cap) {
         return tarn_host_set_password(host.h, password, line, cap);
     };
-    EXPECT_EQ(set(nullptr, sizeof line) + set("", sizeof line) + set("sesame", sizeof line - 1), -3);
-    EXPECT_EQ(tarn_host_set_password(host.h, "sesame", nullptr, sizeof line), -1);
+    EXPECT_EQ(set("", sizeof line) + set("sesame", sizeof line - 1), -2);
     seeded_random::fail_at(1);
     EXPECT_EQ(set("sesame", sizeof line), -1);
     EXPECT_TRUE(!state_of(host).password_set && host.quiet());
@@ -426,8 +390,8 @@ TEST_F(Pairing, SettingAPasswordAndItsFailures) {
 
 TEST_F(Pairing, ListOfClients) {
     host_rig host(0);
-    const auto add = [&](uint8_t key, const char *name) {
-        return tarn_host_add_client(host.h, test_key(key).public_key, name);
+    const auto add = [&](int key, const char *name) {
+        return tarn_host_add_client(host.h, test_key(static_cast<uint8_t>(key)).public_key, name);
     };
     EXPECT_EQ(add(1, "a\nb"), 0);
     const std::string trusted = "client authorized without pairing (two-way pairing)";
@@ -440,9 +404,9 @@ TEST_F(Pairing, ListOfClients) {
     memset(&list, 0xA5, sizeof list);
     tarn_host_export_clients(host.h, &list);
     EXPECT_TRUE(list.count == 2 && list.entries[0].name[0] == '\0' && list.entries[0].added == 1790000000);
-    EXPECT_TRUE(std::string(list.entries[1].name) == "two" && list.entries[1].added == 1790000010);
-    EXPECT_EQ(memcmp(list.entries[1].key, test_key(2).public_key, 32), 0);
-    EXPECT_TRUE(all_zero(&list.entries[2], 30 * sizeof list.entries[2]));
+    EXPECT_TRUE(std::string(list.entries[1].name) == "two" && list.entries[1].added == 1790000010 &&
+                memcmp(list.entries[1].key, test_key(2).public_key, 32) == 0 &&
+                all_zero(&list.entries[2], 30 * sizeof list.entries[2]));
 
     hand_client one(1), more(1), two(2); // a live session, a pending one, and another client's
     const auto ping = [&](hand_client &c) {
@@ -451,45 +415,26 @@ TEST_F(Pairing, ListOfClients) {
     ASSERT_TRUE(one.shake(host, at_a, 1) && ping(one) == TARN_RECV_DATA && more.shake(host, at_a, 2));
     virtual_clock::advance(3 * second);
     ASSERT_TRUE(two.shake(host, at_b, 1));
-    EXPECT_EQ(tarn_host_remove_client(host.h, test_key(3).public_key), -1);
-    EXPECT_EQ(tarn_host_remove_client(host.h, test_key(1).public_key), 0);
-    EXPECT_EQ(tarn_host_remove_client(host.h, test_key(1).public_key), -1);
+    for (const auto &[key, result] : {std::pair{3, -1}, {1, 0}, {1, -1}})
+        EXPECT_EQ(tarn_host_remove_client(host.h, test_key(static_cast<uint8_t>(key)).public_key), result);
     EXPECT_TRUE(all_zero(&host.h->clients[0], sizeof(host_client)) && !host.h->links[0].active);
     EXPECT_EQ(ping(one) + ping(more), 0);
     EXPECT_TRUE(all_zero(&host.h->slots[1].session, sizeof(tarn_session)) && ping(two) == TARN_RECV_DATA);
-    for (uint8_t i = 0; i < 32; i++)
-        EXPECT_EQ(add(static_cast<uint8_t>(20 + i), "x"), i < 31 ? 0 : -1);
+    for (int i = 0; i < 32; i++)
+        EXPECT_EQ(add(20 + i, "x"), i < 31 ? 0 : -1);
     EXPECT_EQ(memcmp(host.h->clients[0].key, test_key(20).public_key, 32), 0); // the first free place
     told(host);
     // A full list: the client is told that it succeeded, but isn't in, and nothing else changes.
-    script play{host, ""};
-    play(R"(
+    script{host, ""}(R"(
         init a pin     | resp; try 1/10 (PIN) from A; 2 d1 m1 A
-        confirm a      | done; paired with "guest" (K) from A using the PIN BUT THE LIST IS FULL
-        wait 11000000  |)");
+        confirm a      | done; paired with "guest" (K) from A using the PIN BUT THE LIST IS FULL / wait 11000000 |)");
     EXPECT_TRUE(state_of(host).open && host.h->pairing.pin_pair.attempts == 1);
-    guess known(state_of(host).pin, 1, 25); // a known key only gets its new name
-    known.begin(host);
-    EXPECT_EQ(ask(host, known.confirm), "done");
+    EXPECT_EQ(add(25, "guest"), 0); // a known key only gets its new name
     EXPECT_TRUE(std::string(host.h->clients[6].name) == "guest" && host.h->clients[6].added == 1790000013);
 }
 
 // ---- The client by itself
 
-// A host's answer to a query.
-struct info {
-    uint8_t flags = CONN_INFO_PIN;
-    uint32_t blocks = 8, passes = 1;
-    bytes packet(uint32_t nonce) const {
-        const tarn_keypair own = test_key(200);
-        bytes p = plain(TARN_PKT_HOST_INFO, le32(nonce));
-        p.push_back(flags);
-        for (const bytes &part : {le32(blocks), le32(passes), bytes(16, 0x5A),
-                                  bytes(own.public_key, own.public_key + 32), bytes{3, 'H', 'a', 'l'}})
-            p.insert(p.end(), part.begin(), part.end());
-        return p;
-    }
-};
 void unknown_host(tarn_client_config &c) { c.host_key_known = 0; }
 bool ended(const client_rig &rig) { // with no secret left
     const client_pairing &p = rig.c->pairing;
@@ -507,16 +452,21 @@ struct asking_client : client_rig {
         take(), engine_rig::told();
         events();
     }
-    void answer(const info &i) { receive(i.packet(c->pairing.pair_nonce), at_a); }
-    int pass(int64_t us) {
-        virtual_clock::advance(us);
-        return tick();
+    // A host's answer to the query.
+    bytes info(uint32_t flags = CONN_INFO_PIN, uint32_t blocks = 8, uint32_t passes = 1) const {
+        const tarn_keypair own = test_key(200);
+        bytes p = plain(TARN_PKT_HOST_INFO, le32(c->pairing.pair_nonce));
+        p.push_back(static_cast<uint8_t>(flags));
+        for (const bytes &part : {le32(blocks), le32(passes), bytes(16, 0x5A),
+                                  bytes(own.public_key, own.public_key + 32), bytes{3, 'H', 'a', 'l'}})
+            p.insert(p.end(), part.begin(), part.end());
+        return p;
     }
     // How often a packet goes to a target while time passes in steps of a tenth of a second.
     size_t repeats(const bytes &packet, const tarn_addr &to, int64_t us) {
         size_t n = 0;
         for (; us > 0; us -= 100 * ms) {
-            EXPECT_LE(pass(100 * ms), 50000); // in a hurry
+            EXPECT_LE(pass(*this, 100 * ms), 50000); // in a hurry
             for (const auto &p : take())
                 n += p.data == packet && text(p.to) == text(to);
         }
@@ -524,18 +474,14 @@ struct asking_client : client_rig {
     }
 };
 
-TEST_F(Pairing, ClientAsksUntilItsDeadline) {
+TEST_F(Pairing, ClientAsksAndTakesOnlyAFittingAnswer) {
     client_rig idle(unknown_host);
     const std::string longest(255, 's'), longer(256, 's');
-    for (const char *bad : {static_cast<const char *>(nullptr), "", longer.c_str()})
+    for (const char *bad : {"", longer.c_str()})
         EXPECT_EQ(tarn_client_pair(idle.c, bad, 0), -1);
     EXPECT_EQ(idle.tick(), 250000);
-    const std::tuple<const char *, int, uint32_t> kinds[] = {
-        {"123456", 0, 1}, {"12345", 0, 2}, {"123456", 2, 2}, {"word", 1, 1}, {longest.c_str(), 0, 2}};
-    for (const auto &[secret, kind, method] : kinds) {
-        EXPECT_EQ(tarn_client_pair(idle.c, secret, kind), 0);
-        EXPECT_TRUE(idle.c->pairing.pair_method == method && idle.c->pairing.secret == std::string(secret));
-    }
+    EXPECT_EQ(tarn_client_pair(idle.c, longest.c_str(), 0), 0);
+    EXPECT_TRUE(idle.c->pairing.secret == longest);
     asking_client rig;
     bytes query = plain(TARN_PKT_HOST_QUERY, bytes(56));
     put_u32(query.data() + 8, rig.c->pairing.pair_nonce);
@@ -544,87 +490,32 @@ TEST_F(Pairing, ClientAsksUntilItsDeadline) {
     EXPECT_EQ(rig.repeats(query, at_a, 7500 * ms), 15u); // every 500 ms
     EXPECT_EQ(rig.repeats(query, at_b, 7500 * ms), 15u);
     EXPECT_EQ(told(rig), ""); // the fifteenth second is not past
-    rig.pass(1);
-    EXPECT_EQ(told(rig), "pairing failed: no host answered; 13 d5 m1");
+    EXPECT_TRUE(pass(rig, 1) && told(rig) == "pairing failed: no host answered; 13 d5 m1");
     EXPECT_TRUE(ended(rig) && rig.tick() == 250000);
-    rig.answer({});
+    rig.receive(rig.info(), at_a);
     EXPECT_TRUE(rig.quiet());
-}
 
-TEST_F(Pairing, ClientTakesOnlyAFittingAnswer) {
-    const std::tuple<const char *, bool, std::function<void(bytes &)>> rows[] = {
-        {"as it is", true, [](bytes &) {}},
-        {"no name", true, [](bytes &p) { p.resize(70), p[69] = 0; }},
-        {"longest name", true, [](bytes &p) { p.resize(133), p[69] = 63; }},
-        {"name too long", false, [](bytes &p) { p.resize(134), p[69] = 64; }},
-        {"69 bytes", false, [](bytes &p) { p.resize(69); }},
-        {"cut", false, [](bytes &p) { p.pop_back(); }},
-        {"too long", false, [](bytes &p) { p.push_back(0); }},
-        {"nonce", false, [](bytes &p) { p[11] ^= 1; }},
-        {"key", false, [](bytes &p) { p[68] ^= 1; }},
-    };
-    for (const auto &[what, good, change] : rows) {
-        SCOPED_TRACE(what);
-        asking_client rig("042137", 0, nullptr); // knows the host's key
-        bytes p = info().packet(rig.c->pairing.pair_nonce);
-        change(p);
-        rig.receive(p, at_b); // from wherever it comes
-        const auto sent = rig.take();
-        ASSERT_EQ(sent.size(), good ? 1u : 0u);
+    // Size and length of the name, a byte that is flipped.
+    const std::tuple<size_t, uint8_t, size_t, bool> rows[] = {
+        {73, 3, 0, true},  {70, 0, 0, true},  {133, 63, 0, true}, {134, 64, 0, false}, {69, 0, 0, false},
+        {72, 3, 0, false}, {74, 3, 0, false}, {73, 3, 11, false}, {73, 3, 68, false}};
+    for (const auto &[size, name, flipped, good] : rows) {
+        SCOPED_TRACE(testing::Message() << size << " " << flipped);
+        asking_client knowing("042137", 0, nullptr); // knows the host's key
+        bytes p = knowing.info();
+        p[69] = name, p[flipped] ^= flipped > 0;
+        p.resize(size);
+        knowing.receive(p, at_b); // from wherever it comes
+        const auto sent = knowing.take();
+        ASSERT_EQ(sent.size(), good);
         if (!good) continue;
-        EXPECT_EQ(text(sent[0].to) + told(rig), text(at_b) + "pairing with the PIN");
-        rig.answer({}); // among several the first one wins
-        EXPECT_TRUE(rig.quiet());
-        EXPECT_EQ(rig.repeats(sent[0].data, at_b, 15 * second), 30u);
-        EXPECT_EQ(told(rig), "");
-        rig.pass(1);
-        EXPECT_EQ(told(rig), "pairing failed: the host stopped answering; 13 d5 m1");
-        EXPECT_TRUE(ended(rig));
-    }
-}
-
-TEST_F(Pairing, ClientChoosesAMethodThatTheHostOffers) {
-    // Secret, kind, the host's flags, blocks and passes; what comes of it.
-    std::istringstream rows(R"(
-        123456 0 1 8 1      with the PIN
-        123456 0 3 8 1      with the PIN
-        123456 0 7 8 1      with the PIN
-        123456 0 2 8 1      with the password
-        123456 0 0 8 1      failed: the host is not in pairing mode; 13 d3 m1
-        123456 0 4 8 1      failed: the host is not in pairing mode; 13 d3 m1
-        123456 0 6 8 1      failed: password pairing is locked on the host; 13 d2 m2
-        123456 1 2 8 1      failed: the host is not in pairing mode; 13 d3 m1
-        123456 1 3 8 1      with the PIN
-        123456 2 3 8 1      with the password
-        123456 2 1 8 1      failed: the host has no password; 13 d3 m2
-        sesame 0 3 8 1      with the password
-        sesame 0 1 8 1      failed: the host has no password; 13 d3 m2
-        sesame 0 7 8 1      failed: password pairing is locked on the host; 13 d2 m2
-        sesame 1 1 8 1      with the PIN
-        sesame 0 2 262145 1 failed: bad password parameters from the host; 13 d3 m2
-        sesame 0 2 7 1      failed: bad password parameters from the host; 13 d3 m2
-        sesame 0 2 8 0      failed: bad password parameters from the host; 13 d3 m2
-        sesame 0 2 8 17     failed: bad password parameters from the host; 13 d3 m2)");
-    std::string secret, outcome;
-    for (uint32_t kind, flags, blocks, passes;
-         rows >> secret >> kind >> flags >> blocks >> passes >> std::ws;) {
-        std::getline(rows, outcome);
-        asking_client rig(secret.c_str(), static_cast<int>(kind));
-        rig.answer({static_cast<uint8_t>(flags), blocks, passes});
-        EXPECT_EQ(told(rig), "pairing " + outcome);
-        const auto sent = rig.take();
-        const bool begun = outcome[0] == 'w';
-        ASSERT_EQ(sent.size(), begun);
-        EXPECT_EQ(ended(rig), !begun);
-        EXPECT_TRUE(!begun ||
-                    (sent[0].data.size() == 56 && sent[0].data[3] == (outcome == "with the password")));
-    }
-    for (int failing : {1, 2}) {
-        asking_client rig;
-        seeded_random::fail_at(failing);
-        rig.answer({});
-        EXPECT_EQ(told(rig), "pairing failed: random generator failed; 13 d5 m1");
-        EXPECT_TRUE(rig.take().empty() && ended(rig));
+        EXPECT_EQ(text(sent[0].to) + told(knowing), text(at_b) + "pairing with the PIN");
+        knowing.receive(knowing.info(), at_a); // among several the first one wins
+        EXPECT_TRUE(knowing.quiet());
+        EXPECT_EQ(knowing.repeats(sent[0].data, at_b, 15 * second), 30u);
+        EXPECT_EQ(told(knowing), "");
+        EXPECT_TRUE(pass(knowing, 1) && ended(knowing));
+        EXPECT_EQ(told(knowing), "pairing failed: the host stopped answering; 13 d5 m1");
     }
 }
 
@@ -641,28 +532,53 @@ bytes refusal_of(const bytes &init, uint8_t reason) {
     return prefix(out, size);
 }
 
-TEST_F(Pairing, ClientAndTheHostsRefusals) {
+TEST_F(Pairing, ClientChoosesAMethodAndHearsRefusals) {
+    // Secret, kind, the host's flags, blocks and passes; what comes of it.
+    for (const auto &[row, outcome] : rows_of(R"(
+        123456 0 1 8 1 | with the PIN / 123456 0 7 8 1 | with the PIN / 123456 0 2 8 1 | with the password
+        123456 0 4 8 1 | failed: the host is not in pairing mode; 13 d3 m1 / 123456 1 3 8 1 | with the PIN
+        123456 0 6 8 1 | failed: password pairing is locked on the host; 13 d2 m2 / 12345 0 3 8 1 | with the password
+        123456 1 2 8 1 | failed: the host is not in pairing mode; 13 d3 m1 / 123456 2 3 8 1 | with the password
+        123456 2 1 8 1 | failed: the host has no password; 13 d3 m2 / sesame 0 3 8 1 | with the password
+        sesame 0 7 8 1 | failed: password pairing is locked on the host; 13 d2 m2 / sesame 1 1 8 1 | with the PIN
+        sesame 0 2 262144 16 | with the password / sesame 0 2 262145 1 | BAD / sesame 0 2 7 1 | BAD
+        sesame 0 2 8 0 | BAD / sesame 0 2 8 17 | BAD)")) {
+        SCOPED_TRACE(row);
+        std::istringstream words(row);
+        std::string secret;
+        uint32_t kind, flags, blocks, passes;
+        words >> secret >> kind >> flags >> blocks >> passes;
+        asking_client rig(secret.c_str(), static_cast<int>(kind));
+        rig.receive(rig.info(flags, blocks, passes), at_a);
+        EXPECT_EQ(told(rig),
+                  "pairing " +
+                      replaced(outcome, "BAD", "failed: bad password parameters from the host; 13 d3 m2"));
+        const auto sent = rig.take();
+        const bool begun = outcome[0] == 'w';
+        ASSERT_TRUE(sent.size() == begun && ended(rig) == !begun);
+        EXPECT_TRUE(!begun ||
+                    (sent[0].data.size() == 56 && sent[0].data[3] == (outcome == "with the password")));
+    }
+    for (int failing : {1, 2}) {
+        asking_client rig;
+        seeded_random::fail_at(failing);
+        rig.receive(rig.info(), at_a);
+        EXPECT_EQ(told(rig), "pairing failed: random generator failed; 13 d5 m1");
+        EXPECT_TRUE(rig.take().empty() && ended(rig));
+    }
     // Kind, the host's flags, its reason; the end, unless the password is tried next.
-    std::istringstream rows(R"(
-        0 1 0 wrong PIN or password; 13 d1 m1
-        0 1 1 wrong PIN or password; 13 d1 m1
-        0 1 2 too many attempts (locked); 13 d2 m1
-        0 1 3 the host is not pairing; 13 d3 m1
-        0 1 9 wrong PIN or password; 13 d1 m1
-        0 3 0 -
-        0 3 1 -
-        0 3 2 too many attempts (locked); 13 d2 m1
-        0 3 3 -
-        1 3 0 wrong PIN or password; 13 d1 m1
-        1 3 3 the host is not pairing; 13 d3 m1
-        2 3 0 wrong PIN or password; 13 d1 m2
-        2 3 1 wrong PIN or password; 13 d1 m2)");
-    std::string end;
-    for (int kind, flags, number; rows >> kind >> flags >> number >> std::ws;) {
-        std::getline(rows, end);
+    for (const auto &[row, end] : rows_of(R"(
+        0 1 0 | wrong PIN or password; 13 d1 m1 / 0 1 1 | wrong PIN or password; 13 d1 m1 / 0 3 0 | / 0 3 1 | / 0 3 3 |
+        0 3 2 | too many attempts (locked); 13 d2 m1 / 0 1 3 | the host is not pairing; 13 d3 m1
+        0 1 9 | wrong PIN or password; 13 d1 m1 / 1 3 0 | wrong PIN or password; 13 d1 m1
+        1 3 3 | the host is not pairing; 13 d3 m1 / 2 3 1 | wrong PIN or password; 13 d1 m2)")) {
+        SCOPED_TRACE(row);
+        std::istringstream words(row);
+        int kind, flags, number;
+        words >> kind >> flags >> number;
         const uint8_t reason = static_cast<uint8_t>(number);
         asking_client rig("123456", kind);
-        rig.answer({static_cast<uint8_t>(flags)});
+        rig.receive(rig.info(static_cast<uint32_t>(flags)), at_a);
         const bytes init = rig.take().at(0).data, refusal = refusal_of(init, reason);
         bytes other = refusal, longer = refusal;
         other[8] ^= 1, longer.resize(180);
@@ -671,19 +587,16 @@ TEST_F(Pairing, ClientAndTheHostsRefusals) {
         for (const bytes &p : {other, longer, prefix(refusal, 24)})
             rig.receive(p, at_a);
         EXPECT_TRUE(rig.quiet());
-        rig.pass(10 * second);
+        pass(rig, 10 * second);
         rig.take();
         rig.receive(refusal, at_a);
-        if (end != "-") {
-            EXPECT_EQ(told(rig), "pairing failed: " + end);
-            EXPECT_TRUE(ended(rig));
-            continue;
-        }
-        EXPECT_EQ(told(rig), "pairing with the password");
+        EXPECT_EQ(told(rig), end.empty() ? "pairing with the password" : "pairing failed: " + end);
+        EXPECT_NE(ended(rig), end.empty());
+        if (!end.empty()) continue;
         const bytes again = rig.take().at(0).data;
         EXPECT_TRUE(again[3] == 1 &&
                     bytes(again.begin() + 8, again.end()) != bytes(init.begin() + 8, init.end()));
-        rig.pass(15 * second); // a fresh deadline
+        pass(rig, 15 * second); // a fresh deadline
         EXPECT_EQ(told(rig), "");
         rig.receive(refusal_of(again, reason), at_a); // and the second failure is final
         EXPECT_EQ(told(rig), reason == 3 ? "pairing failed: the host is not pairing; 13 d3 m2"
@@ -696,7 +609,7 @@ TEST_F(Pairing, AHostThatKnowsTheSecretButHasAnotherKey) {
         asking_client rig("042137", 0, [&](tarn_client_config &c) {
             c.host_key_known = !by_code, c.host_code = by_code ? host_code.c_str() : nullptr;
         });
-        rig.answer({}); // it claims the right key
+        rig.receive(rig.info(), at_a); // it claims the right key
         tarn_pair host = {};
         const tarn_keypair key = test_key(99);
         tarn_pair_host_init(&host, &key, "h", "042137", 10);
@@ -723,9 +636,9 @@ struct couple {
     network net{1};
     host_node host;
     client_node client;
-    explicit couple(int trusted, const char *password = nullptr, const char *code = nullptr, uint8_t key = 60)
+    explicit couple(int trusted, const char *password = nullptr, const char *code = nullptr)
         : host(net, trusted, named), client(net, [&](tarn_client_config &c) {
-              c.identity = test_key(key), c.name = "laptop", c.host_key_known = 0, c.host_code = code;
+              c.identity = test_key(60), c.name = "laptop", c.host_key_known = 0, c.host_code = code;
           }) {
         if (password) load_password(host.h, line_of(password).c_str());
         net.attach(host, host_at);
@@ -743,54 +656,40 @@ struct couple {
 bool pairing_packet(const datagram &d) {
     return d.data[1] == 1 && d.data[2] >= TARN_PKT_PAIR_INIT && d.data[2] <= TARN_PKT_HOST_INFO;
 }
-// The lines and events that are about pairing; H is the host's key code.
+// The lines and events that are about pairing.
 std::string story(client_node &rig) {
     texts about;
     for (const std::string &s : rig.told())
         if (s.rfind("pair", 0) == 0 || s.rfind("12 ", 0) == 0 || s.rfind("13 ", 0) == 0) about.push_back(s);
     rig.log = about;
-    return replaced(told(rig), host_code, "H");
+    return told(rig);
 }
 
 TEST_F(Pairing, EnginesPairAndConnect) {
-    const std::string
-        by_pin = "pairing with the PIN; paired with \"Studio\" (H); 12 m1 203.0.113.5:9000 key=H name=Studio",
-        by_password =
-            "pairing with the password; paired with \"Studio\" (H); 12 m2 203.0.113.5:9000 key=H name=Studio",
-        pin = "pairing with the PIN; ", password = "pairing with the password; ",
-        wrong = "pairing failed: wrong PIN or password; 13 d1 m";
-    const struct {
-        int trusted;
-        const char *password, *secret;
-        int kind;
-        const char *code;
-        std::string story;
-    } rows[] = {
-        {0, nullptr, "PIN", 0, nullptr, by_pin},
-        {0, "246810", "PIN", 1, nullptr, by_pin},
-        {0, nullptr, "PIN", 0, host_code.c_str(), by_pin},
-        {0, nullptr, "PIN", 0, "0000-0000", "pairing failed: no host answered; 13 d5 m1"},
-        {1, "sesame", "sesame", 0, nullptr, by_password},
-        {0, "246810", "246810", 0, nullptr, pin + by_password}, // first taken for a PIN
-        {1, "246810", "246810", 0, nullptr, by_password},
-        {0, nullptr, "no pin", 1, nullptr, pin + wrong + "1"},
-        {1, "sesame", "Sesame", 0, nullptr, password + wrong + "2"},
-        {0, "246810", "135790", 0, nullptr, pin + password + wrong + "2"},
-    };
-    for (const auto &row : rows) {
-        couple p(row.trusted, row.password, row.code);
-        p.pair(p.client, row.secret, row.kind);
-        const bool good = row.story.find("12 m") != std::string::npos;
-        EXPECT_EQ(p.connected(16 * second), good);
-        EXPECT_EQ(story(p.client), row.story);
+    // Clients of the host, its password, the secret, its kind, the code (h: the right one); the story, in
+    // which PAIRED and WRONG stand for their texts.
+    for (const auto &[row, expected] : rows_of(R"(
+        0 - PIN 0 h | pairing with the PIN; PAIRED m1 / 0 - PIN 0 0000-0000 | pairing failed: no host answered; 13 d5 m1
+        1 sesame sesame 0 - | pairing with the password; PAIRED m2 / 0 - no-pin 1 - | pairing with the PIN; WRONG m1
+        0 246810 246810 0 - | pairing with the PIN; pairing with the password; PAIRED m2)")) {
+        SCOPED_TRACE(row);
+        std::istringstream words(row);
+        std::string password, secret, code;
+        int trusted, kind;
+        words >> trusted >> password >> secret >> kind >> code;
+        if (code == "h") code = host_code;
+        couple p(trusted, password == "-" ? nullptr : password.c_str(), code == "-" ? nullptr : code.c_str());
+        p.pair(p.client, secret, kind);
+        const size_t good = expected.find("PAIRED");
+        EXPECT_EQ(p.connected(16 * second), good != std::string::npos);
+        const std::string paired = "paired with \"Studio\" (H); 12",
+                          at = " 203.0.113.5:9000 key=H name=Studio";
+        EXPECT_EQ(story(p.client), replaced(replaced(expected, "PAIRED", paired), "WRONG",
+                                            "pairing failed: wrong PIN or password; 13 d1") +
+                                       (good != std::string::npos ? at : ""));
         EXPECT_TRUE(ended(p.client));
-        EXPECT_STREQ(p.host.h->clients[row.trusted].name, good ? "laptop" : "");
+        EXPECT_STREQ(p.host.h->clients[trusted].name, good != std::string::npos ? "laptop" : "");
     }
-    couple full(32);
-    tarn_host_pairing_open(full.host.h, 60);
-    full.pair(full.client, "PIN");
-    EXPECT_FALSE(full.connected(second));
-    EXPECT_EQ(full.client.events().at(1), "15 detail=1"); // paired as it seems, and then turned away
 }
 
 TEST_F(Pairing, EveryMessageLostRepeatedOrLateOnce) {
@@ -815,16 +714,15 @@ TEST_F(Pairing, EveryMessageLostRepeatedOrLateOnce) {
             }
             EXPECT_TRUE(p.connected(10 * second));
             p.net.run(12 * second);
-            EXPECT_EQ(count_of(p.client.events(), "12 "), 1);
             const texts events = p.host.events();
-            EXPECT_TRUE(count_of(events, "1 ") == 1 &&
+            EXPECT_TRUE(count_of(p.client.events(), "12 ") == 1 && count_of(events, "1 ") == 1 &&
                         count_of(events, "3 ") == fallback); // the guess that the PIN was
             EXPECT_TRUE(run > 0 || count == messages);
         }
     }
 }
 
-TEST_F(Pairing, TwoClientsASilentHostAndAnAttacker) {
+TEST_F(Pairing, TwoClientsAndAnAttacker) {
     couple p(0);
     client_node other(p.net, [](tarn_client_config &c) { c.identity = test_key(61), c.host_key_known = 0; });
     client_node attacker(p.net);
@@ -854,14 +752,6 @@ TEST_F(Pairing, TwoClientsASilentHostAndAnAttacker) {
     EXPECT_TRUE(replay.size() >= 12 && p.connected(15 * second));
     p.net.run(11 * second);
     EXPECT_TRUE(count_of(p.host.events(), "1 ") == 1 && !p.host.h->clients[2].active);
-    // A host that answers the query and then falls silent.
-    couple silent(0);
-    silent.net.hook = [](const datagram &d) { return d.data[2] != TARN_PKT_PAIR_RESP; };
-    silent.pair(silent.client, "PIN");
-    silent.net.run(15 * second + 19 * ms);
-    EXPECT_EQ(silent.client.events(), texts{});
-    silent.net.run(60 * ms);
-    EXPECT_EQ(silent.client.events(), texts{"13 detail=5 method=1"});
 }
 
 } // namespace

@@ -1,9 +1,10 @@
-// Both engines and their rendezvous servers, played by hand: registration and its timing, lookup, punching, relay
-// bindings, and what becomes of all that when servers fall silent, move or are replaced.
+// Both engines and their rendezvous servers, played by hand: registration and its timing, lookup, punching,
+// relay bindings, and what becomes of all that when servers fall silent, move or are replaced.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
+#include <sstream>
 
 #include "bytes_internal.h"
 #include "conn_client_internal.h"
@@ -24,7 +25,6 @@ const char *const link_s = "tarnglider-relay://198.51.100.99#k",
                   *const link_t2 = "tarnglider-relay://198.51.100.98#2",
                   *const link_n = "tarnglider-relay://relay.test#k";
 const tarn_keypair server_key = test_key(50);
-const char *const name_s = "198.51.100.99:9877";
 
 bytes net_key(const char *link) {
     const std::string text = strchr(link, '#') + 1;
@@ -48,20 +48,14 @@ bytes encode(const tarn_rv_msg &m, const bytes *key) {
     out.resize(tarn_rv_encode(out.data(), out.size(), key ? key->data() : nullptr, &m));
     return out;
 }
-template <class Rig>
-void tell(Rig &rig, const tarn_rv_msg &m, const tarn_addr &from = at_s, const char *link = link_s) {
-    const bool punch = m.type == TARN_RV_PUNCH || m.type == TARN_RV_PUNCH_ACK;
-    const bytes key = net_key(link);
-    EXPECT_EQ(rig.receive(encode(m, punch ? nullptr : &key), from).result, TARN_RECV_NONE);
-}
 tarn_rv_msg read(const bytes &packet, const char *link = link_s) {
     tarn_rv_msg m;
     const bool punch = packet[2] == TARN_RV_PUNCH || packet[2] == TARN_RV_PUNCH_ACK;
     EXPECT_EQ(tarn_rv_decode(packet.data(), packet.size(), punch ? nullptr : net_key(link).data(), &m), 0);
     return m;
 }
-// Runs an engine for a time as its ticks ask for it. Returns what it sent of a type, as milliseconds since the start, by
-// target; counts its ticks.
+// Runs an engine for a time as its ticks ask for it. Returns what it sent of a type, as milliseconds since
+// the start, by target; counts its ticks.
 template <class Rig>
 std::map<std::string, std::vector<int64_t>> run(Rig &rig, int64_t us, uint8_t type, int *ticks = nullptr) {
     std::map<std::string, std::vector<int64_t>> at;
@@ -76,17 +70,120 @@ std::map<std::string, std::vector<int64_t>> run(Rig &rig, int64_t us, uint8_t ty
     virtual_clock::set(end);
     return at;
 }
-using times = std::vector<int64_t>;
-// What was sent since the last look: type and target of each.
+
+// The places by the letters that scripts use.
+const std::map<char, tarn_addr> places = {{'S', at_s},
+                                          {'T', at_t},
+                                          {'U', at_u},
+                                          {'N', ep("203.0.113.7:9877")},
+                                          {'V', ep("198.51.100.96:9877")},
+                                          {'P', at_peer},
+                                          {'Q', ep("203.0.113.8:1")},
+                                          {'L', at_lan},
+                                          {'M', at_lan2},
+                                          {'-', {}}};
+std::string short_of(std::string in) {
+    for (const auto &[letter, at] : places)
+        for (size_t i; letter != '-' && (i = in.find(text(at))) != std::string::npos;)
+            in.replace(i, text(at).size(), 1, letter);
+    return in;
+}
+std::string joined(const texts &all) {
+    std::string out;
+    for (const std::string &s : all)
+        out += (out.empty() ? "" : "; ") + s;
+    return short_of(out);
+}
+const char *const names[] = {"register", "challenge", "registered", "lookup", "found", "introduce",
+                             "punch",    "ack",       "bind",       "bound",  "error"};
+uint8_t type_of(const std::string &name) {
+    for (uint8_t i = 0; i < std::size(names); i++)
+        if (name == names[i]) return static_cast<uint8_t>(TARN_RV_REGISTER + i);
+    return 0;
+}
+// What was sent, type and target of each, and then what was logged and reported.
 template <class Rig>
-texts sent(Rig &rig) {
+std::string outcome(Rig &rig) {
     texts all;
     for (const auto &p : rig.take()) {
         const bool rv = p.data[1] == 1 && p.data[2] >= TARN_RV_REGISTER && p.data[2] <= TARN_RV_BIND;
-        const char *const names[] = {"register", "", "", "lookup", "", "", "punch", "ack", "bind"};
         all.push_back((rv ? names[p.data[2] - TARN_RV_REGISTER] : "packet") + std::string(" ") + text(p.to));
     }
-    return all;
+    for (const std::string &s : rig.told())
+        all.push_back(s);
+    return joined(all);
+}
+// A message of a server or a peer played by hand: its name, fields (t token, u punch token, a allocation, p
+// peer, l endpoints, k key, i interval, x status, g how much the tag is off), and after @ whence it comes.
+// The keyed ones have the key that the engine shares with that server.
+template <class Rig>
+void tell(Rig &rig, const std::string &line) {
+    std::istringstream words(line);
+    std::string word;
+    words >> word;
+    const uint8_t type = type_of(word);
+    std::map<char, int> number = {{'t', type == TARN_RV_CHALLENGE ? 7 : -1},
+                                  {'k', type == TARN_RV_CHALLENGE ? 50 : 200}};
+    tarn_rv_msg m = message(type);
+    char from = 'S';
+    m.seen = m.peer = at_peer;
+    while (words >> word) {
+        const std::string value = word.substr(word.find_first_of("=@") + 1);
+        if (word[0] == '@')
+            from = value[0];
+        else if (word[0] == 'p')
+            m.seen = m.peer = places.at(value[0]);
+        else if (word[0] == 'l') {
+            for (char letter : value)
+                m.endpoints[m.count++] = places.at(letter);
+        } else
+            number[word[0]] = std::stoi(value);
+    }
+    m.allocation = static_cast<uint32_t>(number['a']), m.status = static_cast<uint8_t>(number['x']);
+    m.interval = static_cast<uint16_t>(number['i']), m.tag = rig.tag() + static_cast<uint32_t>(number['g']);
+    memcpy(m.key, test_key(static_cast<uint8_t>(number['k'])).public_key, number['k'] ? 32 : 0);
+    memset(m.token, number['t'] < 0 ? number['a'] : number['t'], 16);
+    memset(m.punch_token, number.count('u') ? number['u'] : number['a'] + 100, 16);
+    const bool punch = type == TARN_RV_PUNCH || type == TARN_RV_PUNCH_ACK;
+    const bytes key = net_key(from == 'U' ? link_u : link_s);
+    EXPECT_EQ(rig.receive(encode(m, punch ? nullptr : &key), places.at(from)).result, TARN_RECV_NONE);
+}
+// Plays "action | outcome", one a line or several with " / " between them. An action is a message of `tell`,
+// or
+//   run MS TYPE   time; the outcome has, for each target, when a message of this type went there (or "*5": how often)
+//   skip ...      as `tell`, but whatever comes of it is thrown away
+template <class Rig>
+void play(Rig &rig, std::string table) {
+    for (size_t i; (i = table.find(" / ")) != std::string::npos;)
+        table.replace(i, 3, "\n");
+    std::istringstream in(table);
+    for (std::string row, verb, type; std::getline(in, row);) {
+        const size_t bar = row.find('|'), from = row.find_first_not_of("| ", bar);
+        if (bar == std::string::npos) continue;
+        std::string expected = from == std::string::npos ? "" : row.substr(from), got;
+        expected.resize(expected.find_last_not_of(' ') + 1);
+        std::istringstream words(row.substr(0, bar));
+        words >> verb;
+        if (verb == "run") {
+            int64_t time;
+            words >> time >> type;
+            for (const auto &[to, at] : run(rig, time * ms, type_of(type))) {
+                got += (got.empty() ? "" : "; ") + short_of(to);
+                const bool count = expected.find('*') != std::string::npos;
+                if (count) got += " *" + std::to_string(at.size());
+                for (size_t i = 0; !count && i < at.size(); i++)
+                    got += " " + std::to_string(at[i]);
+            }
+            const std::string more = outcome(rig);
+            got += (got.empty() || more.empty() ? "" : "; ") + more;
+        } else {
+            const size_t at = row.find(verb) + (verb == "skip" ? 5 : 0);
+            tell(rig, row.substr(at, bar - at));
+            got = outcome(rig);
+        }
+        if (verb == "skip") continue;
+        EXPECT_EQ(got, expected) << row;
+    }
 }
 
 class Rendezvous : public testing::Test {
@@ -105,46 +202,16 @@ struct served_host : host_rig {
               c.relays = relays_of(links);
               c.lan_count = 2, c.lan[0] = at_lan, c.lan[1] = at_lan2;
           }) {}
+    uint32_t tag() const { return 0; }
     tarn_server_status status(int server = 0) {
         tarn_server_status s;
         EXPECT_EQ(tarn_host_server_status(h, server, &s), 0);
         return s;
     }
-    void challenge(const tarn_addr &from = at_s, const char *link = link_s, uint8_t cookie = 7) {
-        tarn_rv_msg m = message(TARN_RV_CHALLENGE);
-        memset(m.token, cookie, 16);
-        memcpy(m.key, server_key.public_key, 32);
-        tell(*this, m, from, link);
-    }
-    void registered(const tarn_addr &seen = at_peer, uint16_t interval = 0, const tarn_addr &from = at_s,
-                    const char *link = link_s) {
-        tarn_rv_msg m = message(TARN_RV_REGISTERED);
-        m.seen = seen, m.interval = interval;
-        tell(*this, m, from, link);
-    }
     // Registers with a server; what that says and sends is thrown away.
-    void enter(const tarn_addr &from = at_s, const char *link = link_s) {
+    void enter(const std::string &from = "@S") {
         tick();
-        challenge(from, link);
-        registered(at_peer, 0, from, link);
-        told();
-        take();
-    }
-    void introduce(uint32_t allocation, const tarn_addr &peer = at_peer,
-                   const std::vector<tarn_addr> &lan = {}, const tarn_addr &from = at_s,
-                   const char *link = link_s) {
-        tarn_rv_msg m = message(TARN_RV_INTRODUCE);
-        m.allocation = allocation, m.peer = peer, m.count = static_cast<uint8_t>(lan.size());
-        std::copy(lan.begin(), lan.end(), m.endpoints);
-        memset(m.token, static_cast<int>(allocation), 16);
-        memset(m.punch_token, static_cast<int>(allocation + 100), 16);
-        tell(*this, m, from, link);
-    }
-    void bind_reply(uint32_t allocation, uint8_t status = 0, const tarn_addr &from = at_s,
-                    const char *link = link_s) {
-        tarn_rv_msg m = message(TARN_RV_BIND_REPLY);
-        m.allocation = allocation, m.status = status;
-        tell(*this, m, from, link);
+        play(*this, "skip challenge " + from + " | / skip registered " + from + " |");
     }
     // Numbers of the allocations that have a job, with "*" behind a current one.
     std::string jobs() const {
@@ -156,7 +223,8 @@ struct served_host : host_rig {
         return all;
     }
 };
-// A registration carries the host's key and endpoints and, with a cookie, the proof that the server can check.
+// A registration carries the host's key and endpoints and, with a cookie, the proof that the server can
+// check.
 void expect_register(const bytes &packet, uint8_t cookie,
                      const std::vector<tarn_addr> &lan = {at_lan, at_lan2}) {
     const tarn_rv_msg m = read(packet);
@@ -174,93 +242,60 @@ void expect_register(const bytes &packet, uint8_t cookie,
 }
 
 TEST_F(Rendezvous, RegistrationFromFirstWordToLossAndReturn) {
-    host_rig none;
-    EXPECT_EQ(run(none, 60 * second, TARN_RV_REGISTER).size(), 0u);
-    EXPECT_EQ(none.tick(), 250000);
     served_host host;
-    host.tick();
-    expect_register(host.take().at(0).data, 0);
-    virtual_clock::reset();
-    host.h->server_links[0] = {};
-    host.h->server_links[0].next_us = conn_now();
     int ticks = 0;
-    EXPECT_EQ(run(host, 25 * second, TARN_RV_REGISTER, &ticks)[text(at_s)],
-              (times{0, 1000, 3000, 7000, 15000, 23000}));
+    const auto first = run(host, 25 * second, TARN_RV_REGISTER, &ticks);
+    EXPECT_EQ(first.at(text(at_s)), (std::vector<int64_t>{0, 1000, 3000, 7000, 15000, 23000}));
     EXPECT_LE(ticks, 25 * 4 + 10); // nothing at rest asks to be called at once
     EXPECT_EQ(host.status().status, TARN_SERVER_SILENT);
-
-    host.challenge();
-    expect_register(host.take().at(0).data, 7);
+    const auto challenged = [&](const char *line, uint8_t cookie) {
+        tell(host, line);
+        expect_register(host.take().at(0).data, cookie);
+    };
+    challenged("challenge", 7);
     EXPECT_TRUE(host.status().status == TARN_SERVER_REGISTERING && host.status().registered == 0);
-    host.challenge(at_s, link_s, 8); // another one: its cookie counts
-    expect_register(host.take().at(0).data, 8);
+    challenged("challenge t=8", 8); // another one: its cookie counts
     virtual_clock::advance(35 * ms);
-    host.registered();
-    const std::string peer = text(at_peer);
-    EXPECT_EQ(host.told(), (texts{std::string("registered with ") + name_s + " as " + peer + " (rtt 35.0 ms)",
-                                  "8 server=0 rtt=35000 addr=" + peer}));
+    play(host, "registered | registered with S as P (rtt 35.0 ms); 8 server=0 rtt=35000 addr=P");
     const tarn_server_status s = host.status();
     EXPECT_TRUE(s.registered == 1 && s.status == TARN_SERVER_REGISTERED && s.error == 0 &&
                 s.rtt_us == 35000 && s.port == 9877);
-    EXPECT_EQ(text(s.addr) + text(s.public_addr) + s.host, name_s + peer + "198.51.100.99");
-    host.registered(at_peer, 300);
-    EXPECT_EQ(host.told(), texts{}); // nothing new,
-    host.registered(at_lan, 300);
-    EXPECT_EQ(host.told().size(), 2u); // but another address is
-    EXPECT_EQ(run(host, 360 * second, TARN_RV_REGISTER)[text(at_s)],
-              (times{300000, 320000, 340000, 344000, 352000, 360000}));
-    EXPECT_EQ(host.told(), (texts{std::string("server ") + name_s + " stopped answering", "9 server=0"}));
-    host.registered(at_lan); // the lost server is back
-    EXPECT_EQ(host.told().size(), 2u);
-    EXPECT_EQ(run(host, 21 * second, TARN_RV_REGISTER)[text(at_s)], times{20000});
-    host.registered(at_lan);
-    run(host, 59 * second, TARN_RV_REGISTER);
-    host.registered(at_lan); // two refreshes lost are not yet the end
-    EXPECT_EQ(host.told(), texts{});
-    run(host, 59 * second, TARN_RV_REGISTER);
-    virtual_clock::advance(second);
-    host.tick();
-    expect_register(host.take().at(0).data, 8); // the third one has its proof still,
-    virtual_clock::advance(4 * second);
-    host.tick();
-    expect_register(host.take().at(0).data, 0); // the next one asks for a challenge
+    EXPECT_EQ(text(s.addr) + text(s.public_addr) + s.host, text(at_s) + text(at_peer) + "198.51.100.99");
+    // The same again is nothing new, but another address is. A lost server comes back; two refreshes lost are
+    // not yet the end, and the third one has its proof still.
+    play(host, R"(
+        registered i=300 |
+        registered p=L i=300 | registered with S as L (rtt 35.0 ms); 8 server=0 rtt=35000 addr=L
+        run 360000 register  | S 300000 320000 340000 344000 352000 360000; server S stopped answering; 9 server=0
+        skip registered p=L | / run 21000 register | S 20000 / registered p=L | / run 59000 register | S 20000 40000
+        registered p=L | / run 59000 register | S 20000 40000)");
+    for (const auto &[wait, cookie] :
+         {std::pair{second, 8}, {4 * second, 0}}) { // then a challenge is asked for
+        virtual_clock::advance(wait);
+        host.tick();
+        expect_register(host.take().at(0).data, static_cast<uint8_t>(cookie));
+    }
 }
 
 TEST_F(Rendezvous, ErrorsOfTheServer) {
-    const struct {
-        uint8_t status;
-        bool registered;
-        uint32_t state;
-        int shown, error;
-    } rows[] = {{0, false, LINK_CHALLENGED, TARN_SERVER_ERROR, 0},
-                {0, true, LINK_REGISTERED, TARN_SERVER_REGISTERED, 0},
-                {1, false, LINK_CHALLENGED, TARN_SERVER_ERROR, 1},
-                {2, false, LINK_IDLE, TARN_SERVER_ERROR, 2},
-                {2, true, LINK_IDLE, TARN_SERVER_ERROR, 2},
-                {7, true, LINK_REGISTERED, TARN_SERVER_REGISTERED, 7}};
-    for (const auto &row : rows) {
+    const std::tuple<int, bool, uint32_t, int> rows[] = {{0, false, LINK_CHALLENGED, TARN_SERVER_ERROR},
+                                                         {1, false, LINK_CHALLENGED, TARN_SERVER_ERROR},
+                                                         {2, true, LINK_IDLE, TARN_SERVER_ERROR},
+                                                         {7, true, LINK_REGISTERED, TARN_SERVER_REGISTERED}};
+    for (const auto &[error, registered, state, shown] : rows) {
         served_host host;
         host.tick();
-        host.challenge();
-        if (row.registered) host.registered();
+        play(host, std::string("skip challenge |") + (registered ? " / skip registered |" : ""));
         run(host, 3 * second, 0);
-        host.told();
-        tarn_rv_msg m = message(TARN_RV_ERROR);
-        m.status = row.status;
-        tell(host, m);
-        EXPECT_EQ(host.told(),
-                  texts{std::string("server ") + name_s + ": error " + std::to_string(row.status)});
-        EXPECT_EQ(host.h->server_links[0].state, row.state);
-        EXPECT_TRUE(host.h->server_links[0].tries == 0 && host.status().status == row.shown &&
-                    host.status().error == row.error);
-        EXPECT_EQ(run(host, 5500 * ms, TARN_RV_REGISTER)[text(at_s)], times{5000});
-        host.challenge();
+        const std::string n = std::to_string(error);
+        play(host, "error x=" + n + " | server S: error " + n);
+        EXPECT_TRUE(host.h->server_links[0].state == state && host.h->server_links[0].tries == 0 &&
+                    host.status().status == shown && host.status().error == error);
+        play(host, "run 5500 register | S 5000 / skip challenge |");
         EXPECT_TRUE(host.status().error == 0 && host.h->server_links[0].tries == 1);
     }
     served_host host; // a key of low order: no proof can be made
-    tarn_rv_msg m = message(TARN_RV_CHALLENGE);
-    memset(m.token, 7, 16);
-    tell(host, m);
+    tell(host, "challenge k=0");
     expect_register(host.take().at(0).data, 0);
     EXPECT_EQ(host.h->server_links[0].state, LINK_IDLE);
     tarn_server_status s;
@@ -281,90 +316,74 @@ TEST_F(Rendezvous, OnlyAKnownServerWithTheKeyIsHeard) {
         m.punch_token[0] = type == TARN_RV_INTRODUCE;
         for (const auto &[from, key] : {std::pair{at_peer, key_s}, {at_s, key_u}, {at_u, key_s}})
             host.receive(encode(m, &key), from);
-        host.receive(encode(m, nullptr), at_s);
         bytes longer = encode(m, &key_s);
         longer.push_back(0);
+        host.receive(encode(m, nullptr), at_s);
         host.receive(longer, at_s);
+        EXPECT_TRUE(host.quiet()) << int{type};
+        host.receive(encode(m, &key_s), at_s);
         const bool for_hosts = type == TARN_RV_CHALLENGE || type == TARN_RV_REGISTERED ||
                                type == TARN_RV_INTRODUCE || type == TARN_RV_BIND_REPLY ||
                                type == TARN_RV_ERROR;
-        EXPECT_TRUE(host.quiet()) << int{type};
-        host.receive(encode(m, &key_s), at_s);
         EXPECT_NE(host.quiet(), for_hosts) << int{type};
     }
 }
 
 TEST_F(Rendezvous, PunchingTowardsAClient) {
-    served_host host;
+    served_host host({link_s}, 2);
     host.enter();
-    const std::string peer = text(at_peer), lan = text(at_lan), lan2 = text(at_lan2), server = text(at_s);
-    host.introduce(0xABC, at_peer, {at_lan, at_peer, tarn_addr{}, at_lan2});
-    EXPECT_EQ(host.told(), texts{"client " + peer + " via " + server +
-                                 ": punching 5 candidates, relay allocation 00000abc"});
-    auto packets = host.take();
+    tell(host, "introduce a=171 u=9 l=LP-M");
+    const auto packets = host.take();
     ASSERT_EQ(packets.size(), 4u); // at once: each candidate once, and the relay
+    EXPECT_EQ(joined(host.told()), "client P via S: punching 5 candidates, relay allocation 000000ab");
     tarn_rv_msg m = read(packets[0].data);
-    EXPECT_TRUE(m.type == TARN_RV_PUNCH && m.side == 0 && m.punch_token[5] == ((0xABC + 100) & 0xFF));
-    EXPECT_EQ(text(packets[0].to) + text(packets[1].to) + text(packets[2].to), peer + lan + lan2);
-    EXPECT_EQ(packets[2].data, packets[0].data);
     const uint32_t counter = m.tag;
+    EXPECT_TRUE(m.type == TARN_RV_PUNCH && m.side == 0 && m.punch_token[5] == 9);
+    EXPECT_EQ(packets[2].data, packets[0].data);
     m = read(packets[3].data);
-    EXPECT_TRUE(m.type == TARN_RV_BIND && m.side == 0 && m.allocation == 0xABC && m.token[3] == 0xBC);
+    EXPECT_TRUE(m.type == TARN_RV_BIND && m.side == 0 && m.allocation == 171 && m.token[3] == 171);
+    EXPECT_EQ(joined({text(packets[0].to), text(packets[1].to), text(packets[2].to)}), "P; L; M");
     virtual_clock::advance(50 * ms);
     host.tick();
     EXPECT_EQ(read(host.take().at(0).data).tag, counter + 1);
     int ticks = 0;
     auto at = run(host, 5 * second, TARN_RV_PUNCH, &ticks);
-    EXPECT_EQ(at.size(), 3u);
-    EXPECT_TRUE(at[lan2].size() == 48 && at[lan2].front() == 50 && at[lan2].back() == 2400); // 50 in all
+    const auto &lan = at[text(at_lan2)];
+    EXPECT_TRUE(at.size() == 3 && lan.size() == 48 && lan.front() == 50 && lan.back() == 2400); // 50 in all
     EXPECT_LE(ticks, 50 + 12 + 6);
     const uint64_t created = host.h->punch_jobs[0].created_us;
-    host.introduce(0xABC, ep("203.0.113.8:1"));
-    EXPECT_TRUE(host.told().empty() && host.h->punch_jobs[0].created_us == created); // refreshed
-    host.take();
-    at = run(host, 3 * second, TARN_RV_PUNCH);
-    EXPECT_EQ(at.size(), 1u);
-    EXPECT_EQ(at["203.0.113.8:1"].size(), 49u);
-    host.introduce(5, tarn_addr{}, {at_lan});
-    EXPECT_EQ(host.told().at(0).substr(0, 10), "client - v");
-    EXPECT_EQ(sent(host), (texts{"punch " + lan, "bind " + server}));
-}
-
-TEST_F(Rendezvous, PunchesAreAnsweredByTokenAndMakeP2P) {
-    served_host host({link_s}, 2);
-    host.enter();
-    host.introduce(9, at_peer, {at_lan});
-    host.take();
-    tarn_rv_msg m = message(TARN_RV_PUNCH);
-    m.tag = 77, m.side = 1;
-    tell(host, m, at_t); // no token of ours
-    memset(m.punch_token, 109, 16);
-    m.type = TARN_RV_PUNCH_ACK;
-    tell(host, m, at_t);
-    EXPECT_TRUE(host.take().empty());
-    m.type = TARN_RV_PUNCH;
-    tell(host, m, at_t); // from any source
+    play(host, "introduce a=171 p=Q | punch Q / run 3000 punch | Q *49");
+    EXPECT_EQ(host.h->punch_jobs[0].created_us, created);        // refreshed
+    play(host, R"(
+        introduce a=5 p=- l=L | punch L; bind S; client - via S: punching 2 candidates, relay allocation 00000005
+        skip introduce a=9 l=L | / punch @T | / ack a=9 @T |)"); // no token of ours
+    // Punches are answered by their token, whatever their source.
+    m = message(TARN_RV_PUNCH);
+    m.tag = 77, m.side = 1, memset(m.punch_token, 109, 16);
+    host.receive(encode(m, nullptr), at_t);
     const auto answer = host.take();
     ASSERT_EQ(answer.size(), 1u);
     m.type = TARN_RV_PUNCH_ACK, m.side = 0;
-    EXPECT_EQ(answer[0].data, encode(m, nullptr));
-    EXPECT_EQ(text(answer[0].to), text(at_t));
-    // The class of a session's path: relay, LAN, a candidate of a running job, anything else.
-    const std::tuple<tarn_addr, uint32_t> rows[] = {
-        {at_peer, TARN_PATH_P2P}, {at_lan, TARN_PATH_LAN}, {at_s, TARN_PATH_RELAY}, {at_t, TARN_PATH_DIRECT}};
+    EXPECT_TRUE(answer[0].data == encode(m, nullptr) && text(answer[0].to) == text(at_t));
+    // The class of a session's path: relay, LAN, a candidate of a running job, anything else. A refused job
+    // is over, and its candidate is an address like any other.
     hand_client client;
     ASSERT_TRUE(client.shake(host, at_t, 1));
-    for (const auto &[from, path] : rows)
-        EXPECT_EQ(host.receive(seal(client.keys, plain(TARN_PKT_PING)), from).info.path, path) << text(from);
-    host.bind_reply(9, 4); // refused: the job is over, and its candidate is an address like any other
-    EXPECT_EQ(host.receive(seal(client.keys, plain(TARN_PKT_PING)), at_peer).info.path, 2u);
-    m.type = TARN_RV_PUNCH;
-    tell(host, m, at_t);
-    EXPECT_TRUE(host.take().empty() && host.jobs().empty());
+    std::string classes;
+    for (char from : {'P', 'L', 'S', 'T', 'x', 'P'}) {
+        if (from == 'x')
+            play(host, "skip bound a=9 x=4 | / skip bound a=171 x=4 | / skip bound a=5 x=4 |");
+        else
+            classes += std::to_string(
+                host.receive(seal(client.keys, plain(TARN_PKT_PING)), places.at(from)).info.path);
+    }
+    EXPECT_EQ(classes, "31422");
+    host.told();
+    play(host, "punch a=9 @T |");
+    EXPECT_EQ(host.jobs(), "");
 }
 
 TEST_F(Rendezvous, RelayBindingsOfTheHost) {
-    const std::string server = text(at_s);
     for (const bool linked : {false, true}) {
         served_host host;
         host.enter();
@@ -375,24 +394,20 @@ TEST_F(Rendezvous, RelayBindingsOfTheHost) {
         };
         keep();
         host.told();
-        host.introduce(1);
-        EXPECT_EQ(run(host, 2500 * ms, TARN_RV_BIND)[server],
-                  (times{0, 1000, 2000})); // the first one at once
-        host.bind_reply(2);
-        host.bind_reply(1, 0, at_t); // another allocation, another sender
-        EXPECT_EQ(host.h->punch_jobs[0].bound, 0u);
+        tell(host, "introduce a=1");
         host.told();
-        host.bind_reply(1);
-        host.bind_reply(1);
-        EXPECT_EQ(host.told(), texts{"relay allocation 00000001 bound"});
+        play(host,
+             "run 2500 bind | S 0 1000 2000 / bound a=2 | / bound a=1 @T |"); // another one, another sender
+        EXPECT_EQ(host.h->punch_jobs[0].bound, 0u);
+        play(host, "bound a=1 | relay allocation 00000001 bound / bound a=1 |");
         int ticks = 0;
-        EXPECT_EQ(run(host, 27500 * ms, TARN_RV_BIND, &ticks)[server], times{15000}); // now 30 s old
+        EXPECT_EQ(run(host, 27500 * ms, TARN_RV_BIND, &ticks)[text(at_s)], std::vector<int64_t>{15000});
         EXPECT_LE(ticks, 120);
         host.h->punch_jobs[0].next_bind_us = conn_now();
-        EXPECT_EQ(run(host, 0, TARN_RV_BIND)[server], times{0}); // thirty seconds are not yet too old
+        host.told();
+        play(host, "run 0 bind | S 0"); // thirty seconds are not yet too old
         keep();
-        EXPECT_EQ(run(host, 15500 * ms, TARN_RV_BIND)[server],
-                  linked ? times{15000} : times{}); // nobody came
+        EXPECT_EQ(run(host, 15500 * ms, TARN_RV_BIND).count(text(at_s)), linked); // nobody came
         keep();
         run(host, 14500 * ms, 0);
         EXPECT_EQ(host.jobs(), "0:1* ");
@@ -405,56 +420,50 @@ TEST_F(Rendezvous, RelayBindingsOfTheHost) {
     }
     served_host host;
     host.enter();
-    for (uint32_t i = 1; i <= 8; i++) {
-        host.introduce(i);
+    for (int i = 1; i <= 8; i++) {
+        tell(host, "introduce a=" + std::to_string(i));
         virtual_clock::advance(i == 1 ? 0 : ms); // of the two oldest the first one gives way
     }
     EXPECT_EQ(host.jobs(), "0:1 0:2 0:3 0:4 0:5 0:6 0:7 0:8* ");
-    host.take();
-    EXPECT_EQ(run(host, 1500 * ms, TARN_RV_BIND)[server].size(), 1u); // only the newest one's binding is kept
-    host.introduce(2);
-    EXPECT_EQ(host.jobs(), "0:1 0:2* 0:3 0:4 0:5 0:6 0:7 0:8 ");
-    host.introduce(9); // the oldest gives way
-    EXPECT_EQ(host.jobs(), "0:9* 0:2 0:3 0:4 0:5 0:6 0:7 0:8 ");
-    host.introduce(10);
-    EXPECT_EQ(host.jobs(), "0:9 0:10* 0:3 0:4 0:5 0:6 0:7 0:8 "); // refreshed, but still the older one
+    host.told(), host.take();
+    play(host, "run 1500 bind | S 999"); // only the newest one's binding is kept
+    const std::pair<const char *, const char *> rows[] = {
+        {"2", "0:1 0:2* 0:3 0:4 0:5 0:6 0:7 0:8 "},
+        {"9", "0:9* 0:2 0:3 0:4 0:5 0:6 0:7 0:8 "},    // the oldest gives way
+        {"10", "0:9 0:10* 0:3 0:4 0:5 0:6 0:7 0:8 "}}; // refreshed, but still the older one
+    for (const auto &[allocation, jobs] : rows) {
+        tell(host, std::string("introduce a=") + allocation);
+        EXPECT_EQ(host.jobs(), jobs);
+    }
     hand_client client;
     host.take();
     ASSERT_TRUE(client.shake(host, at_t, 1));
-    const auto ping = [&] { host.receive(seal(client.keys, plain(TARN_PKT_PING)), at_t); };
-    ping();
-    run(host, 58400 * ms, 0);
-    ping();
-    EXPECT_EQ(host.jobs(), "0:9 0:10* 0:3 0:4 0:5 0:6 0:7 0:8 ");
-    run(host, 2 * second, 0);
-    EXPECT_EQ(host.jobs(), "0:10* "); // over 60 seconds old and not current
+    for (const auto &[time, jobs] : {std::pair{58400 * ms, rows[2].second}, {2 * second, "0:10* "}}) {
+        host.receive(seal(client.keys, plain(TARN_PKT_PING)), at_t);
+        run(host, time, 0);
+        EXPECT_EQ(host.jobs(), jobs); // over 60 seconds old and not current
+    }
 }
 
 TEST_F(Rendezvous, NewLanEndpointsAndServerAddresses) {
     served_host host({link_n});
-    EXPECT_EQ(run(host, 30 * second, TARN_RV_REGISTER).size(), 0u);
+    play(host, "run 30000 register |");
     EXPECT_EQ(host.status().status, TARN_SERVER_NO_ADDRESS);
     const auto resolved = [&](const char *name, uint16_t port, const tarn_addr *addr) {
         tarn_host_server_resolved(host.h, name, port, addr);
-        EXPECT_TRUE(host.take().empty()); // nothing is sent within the call
-        return host.told();
+        return outcome(host); // nothing is sent within the call
     };
     const tarn_addr none = {}, other_port = ep("198.51.100.99:1");
-    EXPECT_EQ(resolved("relay.test", 9877, nullptr), texts{"server relay.test:9877: name did not resolve"});
-    EXPECT_EQ(resolved("relay.test", 9877, &none), texts{});
+    EXPECT_EQ(resolved("relay.test", 9877, nullptr), "server relay.test:9877: name did not resolve");
+    EXPECT_EQ(resolved("relay.test", 9877, &none) + resolved("relay.test", 9876, &at_s), "");
     EXPECT_EQ(host.status().status, TARN_SERVER_UNRESOLVED);
-    EXPECT_EQ(resolved("relay.test", 9876, &at_s), texts{});
-    EXPECT_EQ(resolved(nullptr, 9877, &at_s), texts{});
-    EXPECT_EQ(resolved("RELAY.test", 9877, &other_port),
-              texts{std::string("server relay.test:9877 is at ") + name_s});
+    EXPECT_EQ(resolved("RELAY.test", 9877, &other_port), "server relay.test:9877 is at S");
     EXPECT_EQ(host.status().status, TARN_SERVER_REGISTERING);
     host.enter();
     EXPECT_EQ(host.status().status, TARN_SERVER_REGISTERED);
-    host.introduce(1);
-    host.take();
-    host.told();
-    EXPECT_EQ(resolved("relay.test", 9877, &at_s), texts{}); // the same address disturbs nothing
-    EXPECT_EQ(resolved("relay.test", 9877, nullptr).size(), 1u);
+    play(host, "skip introduce a=1 |");
+    EXPECT_EQ(resolved("relay.test", 9877, &at_s), ""); // the same address disturbs nothing
+    EXPECT_NE(resolved("relay.test", 9877, nullptr), "");
     EXPECT_TRUE(host.status().registered == 1 && host.jobs() == "0:1* ");
 
     const tarn_addr lan[] = {at_peer, at_lan, at_lan2, at_s, at_t};
@@ -464,12 +473,12 @@ TEST_F(Rendezvous, NewLanEndpointsAndServerAddresses) {
     for (const auto &p : host.take()) {
         if (p.data[2] == TARN_RV_REGISTER) expect_register(p.data, 7, {at_peer, at_lan, at_lan2, at_s});
     }
-    host.registered();
+    tell(host, "registered");
     EXPECT_EQ(host.told().size(), 2u);
     tarn_host_set_lan_endpoints(host.h, lan, -1);
     EXPECT_EQ(host.h->base.lan_count, 0);
 
-    EXPECT_EQ(resolved("relay.test", 9877, &at_t).size(), 1u); // moved: all of it begins anew
+    EXPECT_EQ(resolved("relay.test", 9877, &at_t), "server relay.test:9877 is at T"); // all begins anew
     EXPECT_TRUE(host.status().registered == 0 && host.status().public_addr.family == 0 &&
                 host.jobs().empty());
     host.tick();
@@ -482,40 +491,30 @@ TEST_F(Rendezvous, NewLanEndpointsAndServerAddresses) {
 
 TEST_F(Rendezvous, ReplacingTheServersKeepsWhatStays) {
     served_host host({link_s, link_t, link_u, link_n});
-    const tarn_addr at_n = ep("203.0.113.7:9877");
+    const tarn_addr at_n = places.at('N');
     tarn_host_server_resolved(host.h, "relay.test", 9877, &at_n);
     tarn_host_server_resolved(host.h, "relay.test", 9877, nullptr);
-    const std::tuple<tarn_addr, const char *> places[] = {
-        {at_s, link_s}, {at_t, link_t}, {at_u, link_u}, {at_n, link_n}};
-    uint32_t number = 1;
-    for (const auto &[from, link] : places) {
-        host.enter(from, link);
-        host.introduce(number++, at_lan, {}, from, link);
+    const char *const introductions[] = {"@S a=1", "@T a=2", "@U a=3", "@N a=4"};
+    for (const std::string line : introductions) {
+        host.enter(line.substr(0, 2));
+        play(host, "skip introduce p=L " + line + " |");
     }
-    host.told(), host.take();
     EXPECT_EQ(host.jobs(), "0:1* 1:2* 2:3* 3:4* ");
     const tarn_relay_config next = relays_of({link_n, link_u, link_t2, "tarnglider-relay://198.51.100.96#k"});
     tarn_host_set_relay(host.h, &next); // one gone, two moved, one with another key, one new
-    EXPECT_EQ(host.told(), texts{"relay servers: 4"});
-    EXPECT_TRUE(host.take().empty());
-    EXPECT_EQ(host.jobs(), "1:3* 0:4* ");
+    EXPECT_EQ(outcome(host) + host.jobs(), "relay servers: 41:3* 0:4* ");
     const int expected[] = {TARN_SERVER_REGISTERED, TARN_SERVER_REGISTERED, TARN_SERVER_REGISTERING,
                             TARN_SERVER_REGISTERING};
     for (int i = 0; i < 4; i++)
         EXPECT_EQ(host.status(i).status, expected[i]) << i;
-    EXPECT_EQ(text(host.status(0).addr),
-              text(at_n)); // an address that was resolved is kept, and the failure, too
-    EXPECT_EQ(host.h->base.servers[0].resolve_failed, 1u);
-    host.tick();
-    texts all = sent(host);
-    EXPECT_EQ(std::count(all.begin(), all.end(), "register " + text(at_t)), 1);
-    EXPECT_EQ(std::count(all.begin(), all.end(), "register 198.51.100.96:9877"), 1);
-    EXPECT_EQ(std::count_if(all.begin(), all.end(), [](auto &s) { return s[0] == 'r'; }), 2);
-    host.introduce(3, at_lan, {}, at_u, link_u); // the moved server still speaks for its job
+    // An address that was resolved is kept, and the failure, too.
+    EXPECT_TRUE(text(host.status(0).addr) == text(at_n) && host.h->base.servers[0].resolve_failed == 1);
+    play(host, "run 0 register | V 0; T 0");
+    tell(host, "introduce a=3 p=L @U"); // the moved server still speaks for its job
     EXPECT_EQ(host.jobs(), "1:3* 0:4* ");
     tarn_host_set_relay(host.h, nullptr);
-    EXPECT_EQ(host.told(), texts{"relay servers: 0"});
-    EXPECT_TRUE(host.jobs().empty() && all_zero(host.h->base.servers, sizeof host.h->base.servers));
+    EXPECT_EQ(joined(host.told()) + host.jobs(), "relay servers: 0");
+    EXPECT_TRUE(all_zero(host.h->base.servers, sizeof host.h->base.servers));
     tarn_server_status s;
     EXPECT_EQ(tarn_host_server_status(host.h, 0, &s), -1);
 }
@@ -531,21 +530,13 @@ struct served_client : client_rig {
               config.route_mode = route, config.host_key_known = by_key, config.host_code = code;
           }) {}
     const server_lookup &lookup() const { return c->lookups[0]; }
-    tarn_rv_msg reply(uint32_t allocation = 1, uint8_t host = 200) const {
-        tarn_rv_msg m = message(TARN_RV_LOOKUP_REPLY);
-        m.tag = lookup().tag, m.allocation = allocation, m.peer = at_peer;
-        m.count = 2, m.endpoints[0] = at_lan, m.endpoints[1] = at_peer;
-        memcpy(m.key, test_key(host).public_key, 32);
-        memset(m.token, 3, 16), memset(m.punch_token, 4, 16);
-        return m;
-    }
-    // Connects, and finds the host 20 ms later.
-    void find() {
+    uint32_t tag() const { return lookup().tag; }
+    // Connects, and 20 ms later it is time for an answer.
+    void search() {
         tarn_client_connect(c);
         tick();
         virtual_clock::advance(20 * ms);
         take(), told();
-        tell(*this, reply());
     }
 };
 
@@ -556,141 +547,94 @@ TEST_F(Rendezvous, LookupByKeyOrCodeAndItsPatience) {
     for (const bool by_key : {true, false}) {
         served_client rig(TARN_ROUTE_ANY, by_key, code.c_str());
         EXPECT_EQ(rig.tick(), 250000);
-        EXPECT_TRUE(rig.take().empty()); // idle
-        tell(rig, rig.reply());
-        EXPECT_TRUE(rig.quiet()); // nothing was asked
+        play(rig, "found a=1 |"); // nothing was asked
         tarn_client_pair(rig.c, "123456", 0);
-        tell(rig, rig.reply());
-        EXPECT_TRUE(rig.quiet());
+        play(rig, "found a=1 |");
         rig.tick();
         const tarn_rv_msg m = read(rig.take().at(0).data);
         EXPECT_EQ(bytes(m.lookup_id, m.lookup_id + m.id_len), bytes(id, id + (by_key ? 16 : 5)));
-        EXPECT_TRUE(m.type == TARN_RV_LOOKUP && m.tag == rig.lookup().tag && m.count == 1);
+        EXPECT_TRUE(m.type == TARN_RV_LOOKUP && m.tag == rig.tag() && m.count == 1);
         EXPECT_EQ(text(m.endpoints[0]), text(at_lan2));
-        EXPECT_EQ(run(rig, 5 * second, TARN_RV_LOOKUP)[text(at_s)], (times{1000, 2000, 3000, 4000, 5000}));
-        EXPECT_EQ(rig.lookup().tag, m.tag);
-        tarn_rv_msg failed = message(by_key ? TARN_RV_ERROR : TARN_RV_LOOKUP_REPLY);
-        failed.status = 3, failed.tag = m.tag + 1;
-        tell(rig, failed);
-        EXPECT_EQ(rig.told(), texts{}); // an answer to another question
-        failed.tag = m.tag;
-        tell(rig, failed);
-        EXPECT_EQ(rig.told(),
-                  (texts{std::string("lookup on ") + name_s + " failed (status 3)", "16 detail=3 server=0"}));
-        EXPECT_EQ(run(rig, 3500 * ms, TARN_RV_LOOKUP)[text(at_s)], times{3000});
-        tell(rig, failed);
-        EXPECT_EQ(rig.told(), texts{}); // told once
-        EXPECT_EQ(run(rig, 30 * second, TARN_RV_LOOKUP)[text(at_s)],
-                  (times{3000, 4000, 5000, 6000})); // until pairing ends
+        play(rig, "run 5000 lookup | S 1000 2000 3000 4000 5000");
+        EXPECT_EQ(rig.tag(), m.tag);
+        const std::string failed = by_key ? "error x=3" : "found x=3"; // told once, and only of this question
+        play(rig, failed + " g=1 | / " + failed +
+                      " | lookup on S failed (status 3); 16 detail=3 server=0 / " +
+                      "run 3500 lookup | S 3000 / " + failed + " |");
+        const auto late = run(rig, 30 * second, TARN_RV_LOOKUP)[text(at_s)];
+        EXPECT_EQ(late, (std::vector<int64_t>{3000, 4000, 5000, 6000})); // until pairing ends
         int ticks = 0;
         tarn_client_pair(rig.c, "123456", 0); // a new search has a new number
         EXPECT_EQ(run(rig, 60 * second, TARN_RV_LOOKUP, &ticks)[text(at_s)].size(), 12u);
-        EXPECT_NE(rig.lookup().tag, m.tag);
+        EXPECT_NE(rig.tag(), m.tag);
         EXPECT_LE(ticks, 15 * 20 + 45 * 4 + 40); // pairing hurries for 15 s, then all rests
-        rig.told();
     }
     served_client blind(TARN_ROUTE_ANY, false), local(TARN_ROUTE_LOCAL_ONLY);
     tarn_client_pair(blind.c, "123456", 0);
     tarn_client_connect(local.c);
-    EXPECT_TRUE(run(blind, 5 * second, TARN_RV_LOOKUP).empty() &&
-                run(local, 5 * second, TARN_RV_LOOKUP).empty());
+    play(blind, "run 5000 lookup |");
+    play(local, "run 5000 lookup |");
 }
 
 TEST_F(Rendezvous, LookupRepliesAndWhatFollows) {
-    const std::string peer = text(at_peer), lan = text(at_lan), server = text(at_s);
     served_client rig;
-    tarn_client_connect(rig.c);
-    rig.tick();
-    virtual_clock::advance(20 * ms);
-    rig.take();
-    tell(rig, rig.reply(1, 199));
-    EXPECT_EQ(rig.told(), texts{std::string("lookup on ") + name_s + " returned another host key: ignored"});
-    tell(rig, rig.reply(), at_t);
-    tell(rig, rig.reply(), at_s, link_u);
-    EXPECT_TRUE(rig.quiet() && rig.lookup().state == LOOKUP_ASKED);
-    tell(rig, rig.reply(0xAB));
-    EXPECT_EQ(rig.told(), texts{std::string("lookup on ") + name_s + ": host at " + peer +
-                                " (+2 LAN), allocation 000000ab, rtt 20.0 ms"});
-    auto packets = rig.take();
+    rig.search();
+    play(
+        rig,
+        "found a=1 k=199 | lookup on S returned another host key: ignored / found a=1 @T | / found a=1 @U |");
+    EXPECT_EQ(rig.lookup().state, uint32_t{LOOKUP_ASKED});
+    tell(rig, "found a=171 u=4 l=LP");
+    EXPECT_EQ(joined(rig.told()), "lookup on S: host at P (+2 LAN), allocation 000000ab, rtt 20.0 ms");
+    const auto packets = rig.take();
     ASSERT_EQ(packets.size(), 3u);
     tarn_rv_msg m = read(packets[0].data);
     EXPECT_TRUE(m.type == TARN_RV_PUNCH && m.side == 1 && m.punch_token[0] == 4);
-    EXPECT_EQ(text(packets[0].to) + text(packets[1].to) + text(packets[2].to), peer + lan + server);
     m = read(packets[2].data);
-    EXPECT_TRUE(m.type == TARN_RV_BIND && m.side == 1 && m.allocation == 0xAB && m.token[9] == 3);
-    virtual_clock::advance(10 * ms);
-    tell(rig, rig.reply(0xAB)); // again: dropped, and the round trip stands
-    EXPECT_TRUE(rig.quiet());
+    EXPECT_TRUE(m.type == TARN_RV_BIND && m.side == 1 && m.allocation == 171 && m.token[9] == 171);
+    EXPECT_EQ(joined({text(packets[0].to), text(packets[1].to), text(packets[2].to)}), "P; L; S");
+    virtual_clock::advance(
+        10 * ms); // again: dropped, and the round trip stands; a fresh allocation: fresh punching
+    play(rig, R"(
+        found a=171 l=LP | / run 5000 punch | L *49; P *49
+        found a=172 l=LP | punch P; punch L; bind S; lookup on S: host at P (+2 LAN), allocation 000000ac, rtt 20.0 ms
+        run 5000 punch | L *49; P *49)");
     EXPECT_EQ(rig.lookup().rtt_us, 20000u);
-    auto at = run(rig, 5 * second, TARN_RV_PUNCH);
-    EXPECT_TRUE(at[lan].size() == 49 && at[lan].back() == 2440);
-    tell(rig, rig.reply(0xAC)); // a fresh allocation: fresh punching
-    EXPECT_EQ(rig.told().size(), 1u);
-    EXPECT_TRUE(rig.lookup().allocation == 0xAC && rig.lookup().rtt_us == 20000);
-    rig.take();
-    EXPECT_EQ(run(rig, 5 * second, TARN_RV_PUNCH)[lan].size(), 49u);
     tarn_client_server_resolved(rig.c, "198.51.100.99", 9877, &at_t); // the server moved
     EXPECT_TRUE(rig.lookup().state == LOOKUP_IDLE && rig.lookup().candidate_count == 0);
-    EXPECT_EQ(run(rig, 0, TARN_RV_LOOKUP)[text(at_t)], times{0});
-    served_client two(TARN_ROUTE_ANY, true, nullptr,
-                      {link_s, link_t}); // what stays found isn't asked anew by a connect
-    two.find();
-    tarn_client_connect(two.c);
+    rig.told();
+    play(rig, "run 0 lookup | T 0");
+    served_client two(TARN_ROUTE_ANY, true, nullptr, {link_s, link_t});
+    two.search();
+    tell(two, "found a=1 l=LP");
+    tarn_client_connect(two.c); // what stays found isn't asked anew by a connect
     EXPECT_TRUE(two.c->lookups[0].state == LOOKUP_FOUND && two.c->lookups[1].state == LOOKUP_IDLE);
     tarn_session keys = {};
     two.take();
-    tell(two, message(TARN_RV_PUNCH), at_peer); // unknown token
-    EXPECT_TRUE(two.take().empty());
     const tarn_addr direct = ep("203.0.113.5:9000");
     tarn_client_add_candidate(two.c, &direct, 0);
     two.receive(hand_respond(two.take().at(0).data, 0x11223344, &keys), direct);
-    const auto lookups =
-        run(two, 20 * second, TARN_RV_LOOKUP); // with a session only the other search goes on
+    const auto lookups = run(two, 20 * second, TARN_RV_LOOKUP); // now only the other search goes on
     EXPECT_TRUE(!lookups.count(text(at_s)) && lookups.at(text(at_t)).size() == 12);
 }
 
 TEST_F(Rendezvous, RouteModes) {
-    const std::string peer = text(at_peer), lan = text(at_lan), server = text(at_s);
-    const struct {
-        uint32_t route;
-        texts found;      // sent on a good reply
-        texts punched;    // sent on punches from the host
-        std::string path; // the classes that come of punches and a confirmed binding
-    } rows[] = {
-        {TARN_ROUTE_ANY,
-         {"punch " + peer, "punch " + lan, "bind " + server},
-         {"ack " + peer, "packet " + peer, "ack " + lan, "packet " + lan},
-         "314"},
-        {TARN_ROUTE_NO_RELAY,
-         {"punch " + peer, "punch " + lan},
-         {"ack " + peer, "packet " + peer, "ack " + lan, "packet " + lan},
-         "314"},
-        {TARN_ROUTE_RELAY_ONLY, {"bind " + server}, {}, "4"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.route);
-        served_client rig(row.route);
-        rig.find();
-        EXPECT_EQ(sent(rig), row.found);
-        tarn_rv_msg m = message(TARN_RV_PUNCH);
-        m.tag = 5;
-        tell(rig, m, at_peer); // no token of ours
-        EXPECT_EQ(sent(rig), texts{});
-        memset(m.punch_token, 4, 16);
+    const std::string punched = " | ack P; packet P; path P2P P / punch u=4 @L | ack L; packet L; path LAN L"
+                                " / punch u=4 @P | ack P / ack u=4 @P |"; // a known path is not kicked
+    const std::tuple<uint32_t, const char *, bool, std::string> rows[] = {
+        // what punches and binding make of it
+        {TARN_ROUTE_ANY, "punch P; punch L; bind S", true, "314"},
+        {TARN_ROUTE_NO_RELAY, "punch P; punch L", true, "314"},
+        {TARN_ROUTE_RELAY_ONLY, "bind S", false, "4"}};
+    for (const auto &[route, found, direct, path] : rows) {
+        SCOPED_TRACE(route);
+        served_client rig(route);
+        rig.search();
+        tell(rig, "found a=1 u=4 l=LP");
         rig.told();
-        tell(rig, m, at_peer);
-        tell(rig, m, at_lan);
-        EXPECT_EQ(sent(rig), row.punched);
-        EXPECT_EQ(rig.told(), row.punched.empty() ? texts{} : (texts{"path P2P " + peer, "path LAN " + lan}));
-        tell(rig, m, at_peer); // a known path is answered, not kicked
-        m.type = TARN_RV_PUNCH_ACK;
-        tell(rig, m, at_peer);
-        EXPECT_EQ(sent(rig), row.punched.empty() ? texts{} : texts{"ack " + peer});
-        m = message(TARN_RV_BIND_REPLY);
-        m.allocation = 1;
-        tell(rig, m);
-        EXPECT_EQ(rig.told(), texts{"path Relay " + server});
-        EXPECT_EQ(sent(rig), row.route == TARN_ROUTE_NO_RELAY ? texts{} : texts{"packet " + server});
+        EXPECT_EQ(outcome(rig), found);
+        play(rig, "punch @P | / punch u=4 @P" + (direct ? punched : " |")); // first with no token of ours
+        play(rig, std::string("bound a=1 | ") + (route == TARN_ROUTE_NO_RELAY ? "" : "packet S; ") +
+                      "path Relay S");
         tarn_client_status s;
         tarn_client_status_get(rig.c, &s);
         std::string classes;
@@ -698,45 +642,34 @@ TEST_F(Rendezvous, RouteModes) {
             classes += std::to_string(s.paths[i].path);
             EXPECT_EQ(s.paths[i].server, 0);
         }
-        EXPECT_EQ(classes, row.path);
+        EXPECT_EQ(classes, path);
         int ticks = 0;
         const auto binds = run(rig, 40 * second, TARN_RV_BIND, &ticks);
-        EXPECT_EQ(binds.empty(), row.route == TARN_ROUTE_NO_RELAY);
+        EXPECT_EQ(binds.empty(), route == TARN_ROUTE_NO_RELAY);
         EXPECT_LE(ticks, 850); // 50 ms apart while it connects
     }
 }
 
 TEST_F(Rendezvous, RelayBindingsOfTheClient) {
     served_client rig;
-    const std::string server = text(at_s);
-    const tarn_addr known = at_s;
-    path_add(rig.c, &known, TARN_PATH_DIRECT, -1);
-    rig.find();
-    rig.take();
-    EXPECT_EQ(run(rig, 3500 * ms, TARN_RV_BIND)[server], (times{1000, 2000, 3000}));
-    tarn_rv_msg m = message(TARN_RV_BIND_REPLY);
-    m.allocation = 2;
-    tell(rig, m);
+    path_add(rig.c, &at_s, TARN_PATH_DIRECT, -1);
+    rig.search();
+    play(rig, "skip found a=1 | / run 3500 bind | S 1000 2000 3000 / bound a=2 |");
     EXPECT_EQ(rig.lookup().bound, 0u);
-    m.allocation = 1;
-    tell(rig, m);
-    tell(rig, m);
-    EXPECT_EQ(rig.c->paths[0].server, 0); // the path was known, but now it leads through the server
-    EXPECT_EQ(rig.c->paths[0].path, TARN_PATH_DIRECT);
-    EXPECT_EQ(run(rig, 31 * second, TARN_RV_BIND)[server], (times{15000, 30000}));
+    play(rig, "skip bound a=1 | / skip bound a=1 |");
+    // The path was known, but now it leads through the server.
+    EXPECT_TRUE(rig.c->paths[0].server == 0 && rig.c->paths[0].path == TARN_PATH_DIRECT);
+    EXPECT_EQ(run(rig, 31 * second, TARN_RV_BIND)[text(at_s)], (std::vector<int64_t>{15000, 30000}));
     rig.c->lookups[0].tries = 12;
-    const uint32_t tag = rig.lookup().tag;
-    m.status = 9;
-    tell(rig, m); // the allocation is gone: a new search, with the same number
-    EXPECT_TRUE(rig.lookup().state == LOOKUP_IDLE && rig.lookup().bound == 0 && rig.lookup().tag == tag);
-    EXPECT_EQ(run(rig, 12500 * ms, TARN_RV_LOOKUP)[server].size(), 12u);
-    tell(rig, m); // and a late refusal changes nothing
+    const uint32_t tag = rig.tag();
+    tell(rig, "bound a=1 x=9"); // the allocation is gone: a new search, with the same number
+    EXPECT_TRUE(rig.lookup().state == LOOKUP_IDLE && rig.lookup().bound == 0 && rig.tag() == tag);
+    EXPECT_EQ(run(rig, 12500 * ms, TARN_RV_LOOKUP)[text(at_s)].size(), 12u);
+    tell(rig, "bound a=1 x=9"); // and a late refusal changes nothing
     EXPECT_EQ(rig.lookup().tries, 12);
-    tell(rig, rig.reply(7));
-    m.status = 0, m.allocation = 7;
-    tell(rig, m);
+    play(rig, "skip found a=7 | / skip bound a=7 |");
     EXPECT_TRUE(rig.lookup().state == LOOKUP_FOUND && rig.lookup().bound);
-    tell(rig, rig.reply(8)); // another allocation is bound anew
+    tell(rig, "found a=8"); // another allocation is bound anew
     EXPECT_FALSE(rig.lookup().bound);
 }
 

@@ -37,13 +37,17 @@ TEST(World, FindsTheBestPathBetweenTwoPlaces) {
         int path;
     } rows[] = {
         {"one LAN", between(by_port, by_port, true), 0, 0, 0, TARN_ROUTE_ANY, TARN_PATH_LAN},
-        {"one LAN, no server used", between(symmetric, symmetric, true), 1, 0, 0, TARN_ROUTE_LOCAL_ONLY, TARN_PATH_LAN},
-        {"one LAN, relay only", between(by_port, by_port, true), 0, 0, 0, TARN_ROUTE_RELAY_ONLY, TARN_PATH_RELAY},
+        {"one LAN, no server used", between(symmetric, symmetric, true), 1, 0, 0, TARN_ROUTE_LOCAL_ONLY,
+         TARN_PATH_LAN},
+        {"one LAN, relay only", between(by_port, by_port, true), 0, 0, 0, TARN_ROUTE_RELAY_ONLY,
+         TARN_PATH_RELAY},
         {"isolated devices", between(by_port, by_port, true), 0, 1, 0, TARN_ROUTE_ANY, TARN_PATH_RELAY},
         {"isolated, hairpin", between(by_port, by_port, true), 0, 1, 1, TARN_ROUTE_ANY, TARN_PATH_P2P},
-        {"isolated, symmetric", between(symmetric, symmetric, true), 0, 1, 1, TARN_ROUTE_ANY, TARN_PATH_RELAY},
+        {"isolated, symmetric", between(symmetric, symmetric, true), 0, 1, 1, TARN_ROUTE_ANY,
+         TARN_PATH_RELAY},
         {"known host in the open", between(open, symmetric), 1, 0, 0, TARN_ROUTE_ANY, TARN_PATH_DIRECT},
-        {"known host, no server used", between(open, by_port), 1, 0, 0, TARN_ROUTE_LOCAL_ONLY, TARN_PATH_DIRECT},
+        {"known host, no server used", between(open, by_port), 1, 0, 0, TARN_ROUTE_LOCAL_ONLY,
+         TARN_PATH_DIRECT},
         {"both in the open", between(open, open), 0, 0, 0, TARN_ROUTE_ANY, TARN_PATH_P2P},
         {"open host", between(open, symmetric), 0, 0, 0, TARN_ROUTE_ANY, TARN_PATH_P2P},
         {"open client", between(symmetric, open), 0, 0, 0, TARN_ROUTE_ANY, TARN_PATH_P2P},
@@ -51,12 +55,16 @@ TEST(World, FindsTheBestPathBetweenTwoPlaces) {
         {"two careful cones", between(by_port, by_port), 0, 0, 0, TARN_ROUTE_NO_RELAY, TARN_PATH_P2P},
         {"symmetric host, cone", between(symmetric, restricted), 0, 0, 0, TARN_ROUTE_ANY, TARN_PATH_P2P},
         {"symmetric client, cone", between(restricted, symmetric), 0, 0, 0, TARN_ROUTE_ANY, TARN_PATH_P2P},
-        {"symmetric host, careful cone", between(symmetric, by_port), 0, 0, 0, TARN_ROUTE_ANY, TARN_PATH_RELAY},
-        {"symmetric client, careful cone", between(by_port, symmetric), 0, 0, 0, TARN_ROUTE_ANY, TARN_PATH_RELAY},
+        {"symmetric host, careful cone", between(symmetric, by_port), 0, 0, 0, TARN_ROUTE_ANY,
+         TARN_PATH_RELAY},
+        {"symmetric client, careful cone", between(by_port, symmetric), 0, 0, 0, TARN_ROUTE_ANY,
+         TARN_PATH_RELAY},
         {"two symmetric", between(symmetric, symmetric), 0, 0, 0, TARN_ROUTE_ANY, TARN_PATH_RELAY},
         {"relay only", between(open, open), 1, 0, 0, TARN_ROUTE_RELAY_ONLY, TARN_PATH_RELAY},
-        {"no relay, no other way", between(symmetric, symmetric), 0, 0, 0, TARN_ROUTE_NO_RELAY, TARN_PATH_NONE},
-        {"local only, host elsewhere", between(by_port, open), 0, 0, 0, TARN_ROUTE_LOCAL_ONLY, TARN_PATH_NONE},
+        {"no relay, no other way", between(symmetric, symmetric), 0, 0, 0, TARN_ROUTE_NO_RELAY,
+         TARN_PATH_NONE},
+        {"local only, host elsewhere", between(by_port, open), 0, 0, 0, TARN_ROUTE_LOCAL_ONLY,
+         TARN_PATH_NONE},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
@@ -112,7 +120,8 @@ TEST(World, MovesToTheRelayAndBack) {
         w.run(50 * ms); // until the host knows
         EXPECT_EQ(w.talk(0, 20), 20U);
         w.block(0, false);
-        EXPECT_FALSE(w.run_until([&] { return w.path(0) == TARN_PATH_P2P; }, 2900 * ms)); // it must prove itself
+        EXPECT_FALSE(
+            w.run_until([&] { return w.path(0) == TARN_PATH_P2P; }, 2900 * ms)); // it must prove itself
         EXPECT_TRUE(w.run_until([&] { return w.content(0, true); }, 3 * second));
         EXPECT_EQ(w.talk(0, 20), 20U);
     }
@@ -157,6 +166,20 @@ TEST(World, OutlivesARestartOfTheServer) {
         EXPECT_EQ(w.talk(0, 20), 20U);
         EXPECT_EQ(w.people[0].sessions, before);
     }
+}
+
+// A host that moves while a client is being brought to it binds from an address that its server doesn't know, again and
+// again. It gets to register all the same, and is found at its new place.
+TEST(World, FindsAHostThatMovesInTheMiddle) {
+    plan p = between(by_port, by_port);
+    p.interval_s = 60;
+    world w(7, p);
+    w.run(second);
+    w.start(0);
+    ASSERT_TRUE(
+        w.run_until([&] { return w.host->log.back().find("punching") != std::string::npos; }, second));
+    w.renumber(-1);
+    EXPECT_TRUE(w.run_until([&] { return w.content(0, true); }, 9 * second));
 }
 
 // With two servers, one that falls silent takes no session with it.

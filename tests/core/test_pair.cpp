@@ -1,7 +1,7 @@
-// CPace and the pairing exchange: published figures, a whole run to the byte, every message in every state, damaged,
-// cut and repeated, and what is wiped when.
-// The program is linked with --wrap for crypto_wipe, so that the tests see what the library wipes, and for
-// crypto_sha512_final, so that a test can choose the hash that becomes a point.
+// CPace and the pairing exchange: published figures, a whole run to the byte, every message in every state,
+// damaged, cut and repeated, and what is wiped when. The program is linked with --wrap for crypto_wipe, so
+// that the tests see what the library wipes, and for crypto_sha512_final, so that a test can choose the hash
+// that becomes a point.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -73,41 +73,46 @@ bytes generator(const bytes &prs, const bytes &ci, const bytes &sid) {
 }
 const bytes channel = unhex("7461726e676c696465722d706169722d7631");
 
-TEST(Cpace, PublishedRunAndLowOrderPoints) {
+TEST(Cpace, PublishedFiguresAndBorders) {
     const bytes sid = unhex(cv::sid), ya = unhex(cv::ya), yb = unhex(cv::yb), ada = unhex(cv::ada),
                 adb = unhex(cv::adb);
     const bytes g = generator(unhex(cv::prs), unhex(cv::ci), sid);
     EXPECT_EQ(hex(g), cv::generator);
-    EXPECT_EQ(hex(x25519(cv::ya_secret, g)), cv::ya);
-    EXPECT_EQ(hex(x25519(cv::yb_secret, g)), cv::yb);
+    EXPECT_EQ(hex(x25519(cv::ya_secret, g)) + hex(x25519(cv::yb_secret, g)), std::string(cv::ya) + cv::yb);
     uint8_t isk[64];
     const auto run = [&](const char *scalar, const bytes &peer) {
         return tarn_cpace_isk(isk, sid.data(), sid.size(), unhex(scalar).data(), peer.data(), ya.data(),
                               ada.data(), ada.size(), yb.data(), adb.data(), adb.size());
     };
+    wipe_watch watch;
     for (const auto &[scalar, peer] : {std::pair{cv::ya_secret, yb}, {cv::yb_secret, ya}}) {
-        wipe_watch watch;
+        watch.seen.clear();
         EXPECT_EQ(run(scalar, peer), TARN_OK);
         EXPECT_EQ(hex_of(isk), cv::isk);
         EXPECT_TRUE(watch.has(unhex(cv::k)) && watch.has_size(sizeof(crypto_sha512_ctx)));
     }
-    for (const char *point : cv::low_order)
+    const auto expand = [](const cv::bytes32 &b) {
+        bytes out(32, b.middle);
+        out[0] = b.first, out[31] = b.last;
+        return out;
+    };
+    for (const auto &point : cv::low_order)
+        EXPECT_EQ(run(cv::low_order_scalar, expand(point)), TARN_ERR_DH) << int{point.first};
+    for (const std::string point : cv::low_order_more) {
         EXPECT_EQ(run(cv::low_order_scalar, unhex(point)), TARN_ERR_DH) << point;
-    EXPECT_EQ(hex_of(isk), cv::isk); // as it was
-    for (const char *point : cv::full_order)
-        EXPECT_EQ(run(cv::low_order_scalar, unhex(point)), TARN_OK) << point;
-}
-
-TEST(Cpace, GeneratorPadsReducesAndMaps) {
-    wipe_watch watch;
-    for (const auto &row : cv::generators)
-        EXPECT_EQ(hex(generator(counting(row.size), channel, counting(16, 0))), row.point) << row.size;
-    for (const auto &row : cv::maps) {
-        bytes hash(32, row.middle);
-        hash[0] = row.first, hash[31] = row.last;
+        bytes other = unhex(point);
+        other[0] = static_cast<uint8_t>(other[0] - 0x13), other[31] ^= 0x80; // only looks like it
+        EXPECT_EQ(run(cv::low_order_scalar, other), TARN_OK) << point;
+    }
+    for (const auto &point : cv::full_order)
+        EXPECT_EQ(run(cv::low_order_scalar, expand(point)), TARN_OK) << int{point.first};
+    for (const auto &[size, point] : cv::generators)
+        EXPECT_EQ(hex(generator(counting(size), channel, counting(16, 0))), point) << size;
+    for (const auto &[from, point] : cv::maps) {
+        const bytes hash = expand(from);
         chosen_hash = &hash;
         watch.seen.clear();
-        EXPECT_EQ(hex(generator({}, channel, {})), row.point);
+        EXPECT_EQ(hex(generator({}, channel, {})), point);
         chosen_hash = nullptr;
         EXPECT_TRUE(watch.has_size(sizeof(crypto_sha512_ctx)) && watch.has_size(64) && watch.has_size(32));
     }
@@ -138,8 +143,8 @@ answer handle(tarn_pair &pair, const bytes &packet, size_t capacity = TARN_PAIR_
     return {result, prefix(out, size)};
 }
 
-// A run of which so many messages have been taken: 1 init, 2 resp, 3 confirm, 4 done. The same draws each time, so that
-// the messages of one run fit the contexts of another.
+// A run of which so many messages have been taken: 1 init, 2 resp, 3 confirm, 4 done. The same draws each
+// time, so that the messages of one run fit the contexts of another.
 struct run {
     tarn_pair client = {}, host = {};
     bytes init = bytes(TARN_PAIR_INIT_SIZE), resp, confirm, done;
@@ -173,32 +178,20 @@ TEST(Pair, AWholeRunToTheByte) {
     run r(0);
     EXPECT_TRUE(hex(r.init) == cv::run_init && watch.has(unhex(cv::run_generator)));
     const std::string sa = hex(counting(32, 0x20)), sb = hex(counting(32, 0x60));
-    const struct {
-        tarn_pair &pair;
-        const char *in, *out;
-        int result, state;
-        std::vector<std::string> wiped;
-    } steps[] = {
-        {r.host,
-         cv::run_init,
-         cv::run_resp,
-         0,
-         TARN_PAIR_RESP_SENT,
-         {cv::run_generator, cv::run_k, cv::run_isk, sb}},
-        {r.client, cv::run_resp, cv::run_confirm, 0, TARN_PAIR_CONFIRM_SENT, {cv::run_k, cv::run_isk, sa}},
-        {r.host, cv::run_confirm, cv::run_done, 1, TARN_PAIR_FINISHED, {}},
-        {r.client, cv::run_done, "", 1, TARN_PAIR_FINISHED, {cv::run_host_key, cv::run_client_key}},
-    };
-    for (const auto &step : steps) {
+    const auto step = [&](tarn_pair &pair, const char *in, const char *out, int result, int state,
+                          const std::vector<std::string> &wiped) {
         watch.seen.clear();
-        const answer a = handle(step.pair, unhex(step.in));
-        EXPECT_EQ(a.result, step.result);
-        EXPECT_EQ(hex(a.out), step.out);
-        EXPECT_EQ(step.pair.state, step.state);
-        EXPECT_EQ(hex_of(step.pair.scalar), cv::zero);
-        for (const std::string &secret : step.wiped)
+        const answer a = handle(pair, unhex(in));
+        EXPECT_TRUE(a.result == result && pair.state == state) << a.result;
+        EXPECT_EQ(hex(a.out) + hex_of(pair.scalar), std::string(out) + cv::zero);
+        for (const std::string &secret : wiped)
             EXPECT_TRUE(watch.has(unhex(secret))) << secret;
-    }
+    };
+    step(r.host, cv::run_init, cv::run_resp, 0, TARN_PAIR_RESP_SENT,
+         {cv::run_generator, cv::run_k, cv::run_isk, sb});
+    step(r.client, cv::run_resp, cv::run_confirm, 0, TARN_PAIR_CONFIRM_SENT, {cv::run_k, cv::run_isk, sa});
+    step(r.host, cv::run_confirm, cv::run_done, 1, TARN_PAIR_FINISHED, {});
+    step(r.client, cv::run_done, "", 1, TARN_PAIR_FINISHED, {cv::run_host_key, cv::run_client_key});
     EXPECT_EQ(hex_of(r.client.send_key) + hex_of(r.client.recv_key), std::string(128, '0'));
     EXPECT_EQ(hex_of(r.client.peer_key) + r.client.peer_name,
               hex_of(host_key.public_key) + "Studio \xC3\xA9");
@@ -304,29 +297,27 @@ TEST(Pair, DamageOfAnyBitAndAnyCutGainsNothing) {
 }
 
 TEST(Pair, NamesAndSecretsAreCutAndCardsMustFit) {
-    const std::string a63(63, 'a'), a64(64, 'a'), a200(200, 'a'), longer = a64 + "b", other = a63 + "b";
+    const std::string a63(63, 'a'), a64(64, 'a'), a200(200, 'a');
     for (const char *name :
          {static_cast<const char *>(nullptr), "", "a", a63.c_str(), a64.c_str(), a200.c_str()}) {
         const run r(4, "042137", name, name);
         const size_t length = std::min(name ? strlen(name) : 0, size_t{63});
         EXPECT_TRUE(r.resp.size() == 105 + length && r.confirm.size() == 73 + length);
         EXPECT_EQ(std::string(r.client.peer_name) + r.host.peer_name, std::string(2 * length, 'a'));
-        EXPECT_TRUE(r.client.state == TARN_PAIR_FINISHED && r.host.state == TARN_PAIR_FINISHED);
     }
-    const std::tuple<const char *, const char *, bool> secrets[] = {{"042137", "042138", false},
-                                                                    {"042137", "0421370", false},
-                                                                    {"", "", true},
-                                                                    {a64.c_str(), longer.c_str(), true},
-                                                                    {a64.c_str(), other.c_str(), false},
-                                                                    {a64.c_str(), a63.c_str(), false}};
+    const std::tuple<std::string, std::string, bool> secrets[] = {{"042137", "0421370", false},
+                                                                  {"", "", true},
+                                                                  {a64, a64 + "b", true},
+                                                                  {a64, a63 + "b", false},
+                                                                  {a64, a63, false}};
     for (const auto &[one, two, same] : secrets) {
-        run r(1, one, "c", "h", 3, two);
+        run r(1, one.c_str(), "c", "h", 3, two.c_str());
         const answer a = handle(r.client, r.resp); // a wrong secret shows here, and the host sees no confirm
         EXPECT_TRUE(a.result == (same ? 0 : TARN_ERR_AUTH) && a.out.empty() != same) << one << " " << two;
     }
     // Cards sealed by a peer that lies about the length of its name: room, and length as told.
-    const std::pair<size_t, uint8_t> cards[] = {{0, 0},   {0, 1},   {5, 5},   {5, 4},   {5, 6},
-                                                {63, 63}, {63, 62}, {63, 64}, {63, 191}};
+    const std::pair<size_t, uint8_t> cards[] = {{0, 0},   {0, 1},   {5, 4},   {63, 63},
+                                                {63, 62}, {63, 64}, {63, 191}};
     for (const auto &[room, length] : cards) {
         for (const bool to_client : {true, false}) {
             const run r(1);
@@ -339,10 +330,8 @@ TEST(Pair, NamesAndSecretsAreCutAndCardsMustFit) {
                               card.size(), p.data() + at, p.data() + at + card.size());
             tarn_pair pair = to_client ? r.client : r.host;
             const int state = pair.state, good = room == length;
-            EXPECT_EQ(handle(pair, p).result, !good       ? TARN_ERR_FORMAT
-                                              : to_client ? 0
-                                                          : 1)
-                << room << " " << int{length};
+            const int result = good ? int{!to_client} : int{TARN_ERR_FORMAT};
+            EXPECT_EQ(handle(pair, p).result, result) << room << " " << int{length};
             EXPECT_TRUE((hex_of(pair.peer_key) != cv::zero) == good && (pair.state != state) == good);
             EXPECT_EQ(hex_of(pair.scalar), cv::zero);
         }
@@ -354,8 +343,7 @@ TEST(Pair, NamesAndSecretsAreCutAndCardsMustFit) {
 }
 
 TEST(Pair, AttemptsCountBeforeAnythingElse) {
-    const std::pair<int, int> limits[] = {{-1, 10},   {0, 10},   {1, 1},   {2, 2},
-                                          {254, 254}, {255, 10}, {256, 10}};
+    const std::pair<int, int> limits[] = {{-1, 10}, {0, 10}, {1, 1}, {254, 254}, {255, 10}};
     const int results[] = {0, TARN_ERR_DH,
                            TARN_ERR_RANDOM}; // by turns a good init, a low-order point, no random bytes
     for (const auto &[asked, limit] : limits) {

@@ -31,6 +31,11 @@ void note(const std::string &line) {
     const std::lock_guard held(lock);
     seen.push_back(line);
 }
+void set(void (*change)()) {
+    const std::lock_guard held(lock);
+    change();
+    changed.notify_all();
+}
 texts take_seen() {
     settle();
     const std::lock_guard held(lock);
@@ -86,12 +91,10 @@ TEST(Resolver, AsksForEachNameOnce) {
         std::vector<std::pair<const char *, uint16_t>> list;
         texts asked; // empty: no thread and no handle
     } rows[] = {
-        {"empty", {}, {}},
         {"literals only", {{"1.2.3.4", 1}, {"::1", 1}, {"[::1]", 1}, {"1.2.3.4:5", 1}, {"", 1}}, {}},
-        {"a name among literals", {{"1.2.3.4", 1}, {"a", 1}, {"", 1}}, {"? a"}},
-        {"the same twice", {{"a", 1}, {"b", 1}, {"a", 1}}, {"? a", "? b"}},
-        {"on two ports", {{"a", 1}, {"a", 2}}, {"? a", "? a"}},
-        {"in two cases", {{"a", 1}, {"A", 1}}, {"? a", "? A"}},
+        {"twice, and twice with a difference",
+         {{"a", 1}, {"1.2.3.4", 1}, {"a", 1}, {"a", 2}, {"A", 1}},
+         {"? a", "? a", "? A"}},
         {"eight",
          {{"a", 1}, {"b", 1}, {"c", 1}, {"d", 1}, {"e", 1}, {"f", 1}, {"g", 1}, {"h", 1}},
          {"? a", "? b", "? c", "? d", "? e", "? f", "? g", "? h"}},
@@ -118,9 +121,6 @@ TEST(Resolver, AsksForEachNameOnce) {
         EXPECT_EQ(running(), 0);
     }
     const tarn_relay_config c = servers({{"a", 1}});
-    EXPECT_EQ(tarn_resolver_start_host(nullptr, &c), nullptr);
-    EXPECT_EQ(tarn_resolver_start_client(nullptr, &c), nullptr);
-    EXPECT_EQ(tarn_resolver_start_host(host, nullptr), nullptr);
     fail_starts(true);
     EXPECT_EQ(tarn_resolver_start_client(client, &c), nullptr);
     fail_starts(false);
@@ -146,10 +146,7 @@ TEST(Resolver, KeepsNamesFresh) {
         advance(1000);
         EXPECT_EQ(take_seen(), bad);
     }
-    {
-        const std::lock_guard held(lock);
-        name_service = {{"bad", "2.2.2.2"}};
-    }
+    set([] { name_service = {{"bad", "2.2.2.2"}}; });
     advance(120 * second - 11 * (10 * second + 1000)); // the good ones are due: not before their two minutes
     EXPECT_EQ(take_seen(), none);
     advance(1000);
@@ -174,14 +171,9 @@ TEST(Resolver, NoReportAfterAStop) {
     }
     tarn_resolver_stop(r); // returns although the look-up hangs
     EXPECT_EQ(running(), 1);
-    {
-        const std::lock_guard held(lock);
-        gate_shut = false;
-        changed.notify_all();
-    }
+    set([] { gate_shut = false; });
     EXPECT_EQ(take_seen(), texts{"? a"});
     EXPECT_EQ(running(), 0);
-    tarn_resolver_stop(nullptr);
 }
 
 } // namespace

@@ -91,6 +91,39 @@ TEST_F(Directory, KeepsLists) {
         EXPECT_THROW(app::directory(root_ / path), std::runtime_error);
 }
 
+TEST_F(Directory, KeepsSecretsAndTheClosedWindow) {
+    const app::directory store(root_);
+    app::relay_list relays, loaded;
+    relays.add("tarnglider-relay://192.0.2.1:7#sekrit");
+    EXPECT_THROW(relays.add("tarnglider-relay://192.0.2.1:7"), app::usage_error);
+    write("links", "tarnglider-relay://a.example#x\r\n\ntarnglider-relay://192.0.2.1:7#other\n");
+    relays.add("@" + app::utf8(root_ / "links")); // the second is the server that is there
+    store.save(relays);
+    store.relays(loaded);
+    ASSERT_EQ(loaded.config.count, 2);
+    EXPECT_EQ(std::memcmp(loaded.config.servers[0].key, "other", 5), 0);
+    app::secret_text line;
+    line.text = "stored";
+    store.save_password(line);
+    line.text.clear();
+    store.password(line);
+    EXPECT_EQ(line.text, "stored");
+#ifndef _WIN32
+    for (const char *name : {"relays", "password"})
+        fs::permissions(root_ / name, fs::perms(0604));
+    EXPECT_THROW(store.relays(loaded), std::runtime_error);
+    EXPECT_THROW(store.password(line), std::runtime_error);
+#endif
+    EXPECT_TRUE(store.clear_password());
+    EXPECT_FALSE(store.clear_password());
+    store.password(line);
+    EXPECT_EQ(line.text, "");
+    for (const bool closed : {true, true, false, false}) {
+        store.set_window_closed(closed);
+        EXPECT_EQ(app::directory(root_).window_closed(), closed);
+    }
+}
+
 TEST(Text, RefusesKeysThatAreNone) {
     const std::string good(64, '0');
     EXPECT_NO_THROW(app::parse_key(good, "KEY"));

@@ -1,5 +1,6 @@
-// One end of a clipboard transfer: the object with callbacks that collect what comes out, and packets as text.
-// What is fed lies in a block of exactly its size, so that the address sanitizer sees one byte too many.
+// One end of a clipboard transfer: the object with callbacks that collect what comes out, and packets as
+// text. What is fed lies in a block of exactly its size, so that the address sanitizer sees one byte too
+// many.
 #ifndef TEST_CLIP_END_H
 #define TEST_CLIP_END_H
 
