@@ -42,10 +42,10 @@ void video_receiver::packet(std::span<const uint8_t> data, int64_t now_us) {
 void video_receiver::deliver() {
     tarn_frame frame{};
     while (tarn_reassembler_pop(reassembler_.get(), &frame, nullptr) == 1) {
+        next_id_ = frame.frame_id + 1;
         sink_({frame.data, static_cast<size_t>(frame.size)});
         frames_++;
         bytes_ += frame.size;
-        next_id_ = frame.frame_id + 1;
     }
 }
 

@@ -44,6 +44,9 @@ public:
 
     receiver_figures figures() const;
 
+    // Number of the frame that the sink is being given.
+    uint32_t frame_id() const { return next_id_ - 1; }
+
 private:
     void deliver();
 
@@ -57,7 +60,7 @@ private:
     uint64_t frames_ = 0;
     uint64_t bytes_ = 0;
     uint64_t packets_ = 0;
-    uint32_t next_id_ = 0; // behind the last frame delivered
+    uint32_t next_id_ = 0; // behind the last frame that the sink was given
     bool closed_ = false;
     std::optional<uint32_t> total_; // frames of the stream, once the host told them
     int64_t total_us_ = 0;          // when it first did

@@ -16,14 +16,12 @@ namespace {
 constexpr const char *identity_name = "identity";
 constexpr const char *clients_name = "authorized_clients";
 constexpr const char *hosts_name = "hosts";
+constexpr const char *relays_name = "relays";
+constexpr const char *password_name = "password";
+constexpr const char *window_closed_name = "window_closed";
 
 // 32 entries of the longer list take at most 32 x 290 bytes.
 using list_text = std::array<char, 16384>;
-
-struct secret_text {
-    std::string text;
-    ~secret_text() { tarn_secure_wipe(text.data(), text.size()); }
-};
 
 } // namespace
 
@@ -73,7 +71,8 @@ void directory::load_identity(identity &out) const {
                 "new identity");
         return;
     }
-    secret_text made{std::string(65, '\0')};
+    secret_text made;
+    made.text.resize(65);
     if (tarn_identity_generate(&out.keys, made.text.data()) != 0)
         throw std::runtime_error("the system gives no random numbers");
     made.text.back() = '\n';
@@ -104,6 +103,78 @@ tarn_host_list directory::hosts() const {
 void directory::save(const tarn_host_list &list) const {
     list_text text;
     replace(hosts_name, {text.data(), tarn_host_list_save(&list, text.data(), text.size())});
+}
+
+void directory::relays(relay_list &out) const {
+    secret_text text;
+    if (!read(relays_name, text.text)) return;
+    require_private_file(path_ / relays_name);
+    if (tarn_relay_config_load(&out.config, reinterpret_cast<const uint8_t *>(text.text.data()),
+                               text.text.size()) != 0)
+        throw std::runtime_error(utf8(path_ / relays_name) +
+                                 " is damaged: a line \"tarnglider-relays-v1\", then a relay link a line");
+}
+
+void directory::save(const relay_list &list) const {
+    secret_text text;
+    text.text.resize(22 + 8 * 680);
+    text.text.resize(tarn_relay_config_save(&list.config, text.text.data(), text.text.size()));
+    replace(relays_name, text.text);
+}
+
+std::optional<std::filesystem::file_time_type> directory::clients_time() const {
+    std::error_code error;
+    const auto time = std::filesystem::last_write_time(path_ / clients_name, error);
+    if (error) return std::nullopt;
+    return time;
+}
+
+void directory::password(secret_text &out) const {
+    out.text.clear();
+    if (read(password_name, out.text)) require_private_file(path_ / password_name);
+}
+
+void directory::save_password(const secret_text &line) const { replace(password_name, line.text); }
+
+bool directory::clear_password() const { return remove(password_name); }
+
+bool directory::window_closed() const {
+    std::error_code error;
+    return std::filesystem::exists(path_ / window_closed_name, error) || error;
+}
+
+void directory::set_window_closed(bool closed) const {
+    if (!closed) {
+        remove(window_closed_name);
+    } else if (!window_closed()) {
+        replace(window_closed_name, "");
+    }
+}
+
+bool directory::remove(const char *name) const {
+    std::error_code error;
+    const bool removed = std::filesystem::remove(path_ / name, error);
+    if (error) throw std::runtime_error("can't remove " + utf8(path_ / name) + ": " + error.message());
+    return removed;
+}
+
+void relay_list::add(const std::string &link) {
+    const auto add_one = [this](const std::string &text) {
+        if (tarn_relay_config_add_link(&config, text.c_str()) >= 0) return;
+        throw usage_error(config.count == TARN_RELAY_MAX_SERVERS
+                              ? "there can be no more than 8 relay servers"
+                              : "that is no relay link: tarnglider-relay://HOST:PORT#KEY, as tarn-server "
+                                "--link prints it");
+    };
+    if (link.empty() || link[0] != '@') return add_one(link);
+    std::ifstream in(path_from_utf8(link.substr(1)), std::ios::binary);
+    if (!in) throw std::runtime_error("can't read the relay links from " + link.substr(1));
+    secret_text line;
+    while (std::getline(in, line.text)) {
+        while (!line.text.empty() && (line.text.back() == '\r' || line.text.back() == ' '))
+            line.text.pop_back();
+        if (!line.text.empty() && line.text != "tarnglider-relays-v1") add_one(line.text);
+    }
 }
 
 } // namespace app

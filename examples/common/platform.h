@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +28,16 @@ void make_private_directory(const std::filesystem::path &path);
 // Creates a file that only its owner may read, with this content on the disk when it returns; refuses to touch one
 // that exists. Throws, leaving no file behind.
 void create_private_file(const std::filesystem::path &path, std::string_view content);
+
+// This machine's name, to show to others; empty if the system doesn't tell.
+std::string machine_name();
+
+// A variable of the environment, in UTF-8.
+std::optional<std::string> environment(const char *name);
+
+// Asks on the terminal and reads a line that isn't shown, into `line`, whose memory doesn't move if it has room for
+// 1023 bytes. False if standard input is no terminal. Throws if it ends or the program is asked to stop.
+bool ask_hidden(const std::string &prompt, std::string &line);
 
 // Throws if others than its owner may read the file.
 void require_private_file(const std::filesystem::path &path);

@@ -3,11 +3,13 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <system_error>
+#include <termios.h>
 #include <unistd.h>
 
 #include "common/text.h"
@@ -23,6 +25,27 @@ extern "C" void on_stop_signal(int) { stop_flag = 1; }
     throw std::runtime_error(std::string(what) + " " + utf8(path) + ": " +
                              std::generic_category().message(code));
 }
+
+// Keeps the terminal from showing what is typed, and gives it back as it was.
+class hidden_input {
+public:
+    hidden_input() {
+        known_ = ::tcgetattr(STDIN_FILENO, &before_) == 0;
+        termios hidden = before_;
+        hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        hidden.c_lflag |= ECHONL;
+        if (known_) ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
+    }
+    ~hidden_input() {
+        if (known_) ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
+    }
+    hidden_input(const hidden_input &) = delete;
+    hidden_input &operator=(const hidden_input &) = delete;
+
+private:
+    termios before_{};
+    bool known_ = false;
+};
 
 int write_all(int fd, std::string_view rest) {
     while (!rest.empty()) {
@@ -84,11 +107,39 @@ void create_private_file(const std::filesystem::path &path, std::string_view con
     fail("can't write", path, code);
 }
 
+std::string machine_name() {
+    char name[256] = {};
+    return ::gethostname(name, sizeof name - 1) == 0 ? name : "";
+}
+
+std::optional<std::string> environment(const char *name) {
+    const char *value = std::getenv(name);
+    if (value == nullptr) return std::nullopt;
+    return value;
+}
+
+bool ask_hidden(const std::string &prompt, std::string &line) {
+    if (::isatty(STDIN_FILENO) == 0) return false;
+    catch_stop_signals(); // one that comes now ends the read, so that the terminal is given back
+    const hidden_input hidden;
+    std::fprintf(stderr, "%s", prompt.c_str());
+    std::fflush(stderr);
+    line.clear();
+    for (;;) {
+        char c = 0;
+        const ssize_t n = ::read(STDIN_FILENO, &c, 1);
+        if (n < 0 && errno == EINTR && !stop_requested()) continue;
+        if (n <= 0) throw std::runtime_error("cancelled");
+        if (c == '\n') return true;
+        if (line.size() < 1023) line += c;
+    }
+}
+
 void require_private_file(const std::filesystem::path &path) {
     struct stat info = {};
     if (::stat(path.c_str(), &info) != 0) fail("can't read", path, errno);
     if ((info.st_mode & 077) != 0)
-        throw std::runtime_error(utf8(path) + " holds a secret key and others may read it; run: chmod 600 " +
+        throw std::runtime_error(utf8(path) + " holds a secret and others may read it; run: chmod 600 " +
                                  utf8(path));
 }
 

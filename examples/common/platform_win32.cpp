@@ -3,6 +3,7 @@
 #include "common/platform.h"
 
 #include <atomic>
+#include <cstdio>
 #include <stdexcept>
 #include <system_error>
 
@@ -27,6 +28,15 @@ BOOL WINAPI on_console_event(DWORD event) {
 [[noreturn]] void fail(const char *what, const std::filesystem::path &path, DWORD code) {
     throw std::runtime_error(std::string(what) + " " + utf8(path) + ": " +
                              std::system_category().message(static_cast<int>(code)));
+}
+
+// `length` characters in UTF-8; -1: up to the terminator. Text that is no UTF-16 comes out marked, never unseen.
+std::string narrow(const wchar_t *text, int length) {
+    const int size = WideCharToMultiByte(CP_UTF8, 0, text, length, nullptr, 0, nullptr, nullptr);
+    std::string result(static_cast<size_t>(size), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, length, result.data(), size, nullptr, nullptr);
+    if (length < 0) result.resize(result.size() - 1);
+    return result;
 }
 
 } // namespace
@@ -73,6 +83,40 @@ void create_private_file(const std::filesystem::path &path, std::string_view con
     if (done) return;
     DeleteFileW(path.c_str());
     fail("can't write", path, code);
+}
+
+std::string machine_name() {
+    wchar_t name[256];
+    DWORD size = 256;
+    return GetComputerNameExW(ComputerNamePhysicalDnsHostname, name, &size)
+               ? utf8(std::filesystem::path(name))
+               : "";
+}
+
+std::optional<std::string> environment(const char *name) {
+    const wchar_t *value = _wgetenv(path_from_utf8(name).c_str());
+    if (value == nullptr) return std::nullopt;
+    return narrow(value, -1);
+}
+
+bool ask_hidden(const std::string &prompt, std::string &line) {
+    const HANDLE console = GetStdHandle(STD_INPUT_HANDLE);
+    DWORD mode = 0;
+    if (!GetConsoleMode(console, &mode)) return false;
+    std::fprintf(stderr, "%s", prompt.c_str());
+    std::fflush(stderr);
+    SetConsoleMode(console, (mode | ENABLE_LINE_INPUT | ENABLE_PROCESSED_INPUT) & ~DWORD{ENABLE_ECHO_INPUT});
+    wchar_t typed[512];
+    DWORD count = 0;
+    const bool done = ReadConsoleW(console, typed, 512, &count, nullptr) && count > 0;
+    SetConsoleMode(console, mode);
+    std::fprintf(stderr, "\n");
+    while (count > 0 && (typed[count - 1] == L'\r' || typed[count - 1] == L'\n'))
+        count--;
+    if (done) line = narrow(typed, static_cast<int>(count));
+    SecureZeroMemory(typed, sizeof typed);
+    if (!done) throw std::runtime_error("cancelled");
+    return true;
 }
 
 void require_private_file(const std::filesystem::path &) {}

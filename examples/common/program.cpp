@@ -35,13 +35,20 @@ int run_program(CLI::App &program, int argc, char **argv, const std::function<in
     }
 }
 
+void print_json(const nlohmann::ordered_json &object) {
+    // A name that came from outside may be no UTF-8.
+    std::printf("%s\n",
+                object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
+    std::fflush(stdout);
+}
+
 int print_key(const directory &store, bool json) {
     identity self;
     store.load_identity(self);
     const std::string key = key_text(self.keys.public_key);
     const std::string code = key_code(self.keys.public_key);
     if (json) {
-        std::printf("%s\n", nlohmann::ordered_json{{"key", key}, {"key_code", code}}.dump().c_str());
+        print_json({{"key", key}, {"key_code", code}});
     } else {
         std::printf("%s\n", key.c_str());
         say("key code " + code);

@@ -1,8 +1,11 @@
 // Text in and out of the example programs.
 #include "common/text.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <iterator>
 
 #include <tarnglider/secure.h>
 
@@ -29,6 +32,26 @@ std::string key_code(const uint8_t key[32]) {
     return text;
 }
 
+bool same_key_code(const uint8_t key[32], const std::string &text) {
+    uint8_t wanted[TARN_KEY_CODE_BYTES];
+    uint8_t id[TARN_KEY_ID_SIZE];
+    if (tarn_key_code_parse(wanted, text.c_str()) != 0) return false;
+    tarn_key_id(id, key);
+    return std::equal(std::begin(wanted), std::end(wanted), id);
+}
+
+std::string time_text(uint64_t seconds) {
+    if (seconds == 0) return "-";
+    using namespace std::chrono;
+    const sys_seconds time{std::chrono::seconds(static_cast<int64_t>(seconds))};
+    const sys_days day = floor<days>(time);
+    const year_month_day date(day);
+    const hh_mm_ss clock(time - day);
+    return format("%04d-%02u-%02u %02d:%02d", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()));
+}
+
 std::string addr_text(const tarn_addr &addr) {
     char text[64];
     tarn_addr_format(text, sizeof text, &addr);
@@ -42,6 +65,11 @@ std::string utf8(const std::filesystem::path &path) {
 
 std::filesystem::path path_from_utf8(const std::string &text) {
     return std::filesystem::path(std::u8string(text.begin(), text.end()));
+}
+
+std::optional<std::filesystem::path> optional_path(const std::string &text) {
+    if (text.empty()) return std::nullopt;
+    return path_from_utf8(text);
 }
 
 std::string format(const char *pattern, ...) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -23,11 +24,18 @@ public_key parse_key(const std::string &text, const char *what);
 std::string key_text(const uint8_t key[32]);
 std::string key_code(const uint8_t key[32]);
 
+// Is `text` the key code of this key, in any form that a person may type?
+bool same_key_code(const uint8_t key[32], const std::string &text);
+
+// Unix seconds as "2026-01-31 12:00" in UTC; "-" for 0.
+std::string time_text(uint64_t seconds);
+
 std::string addr_text(const tarn_addr &addr);
 
 // File names are UTF-8 wherever they are text.
 std::string utf8(const std::filesystem::path &path);
 std::filesystem::path path_from_utf8(const std::string &text);
+std::optional<std::filesystem::path> optional_path(const std::string &text); // none for an empty text
 
 // printf into a string.
 [[gnu::format(printf, 1, 2)]] std::string format(const char *pattern, ...);

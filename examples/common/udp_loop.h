@@ -1,9 +1,10 @@
 // One UDP socket and the loop that drives an engine on it: one thread, which waits for datagrams for as long as the
-// engine's tick allows.
+// engine's tick allows. Others may send.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <span>
 
@@ -24,13 +25,15 @@ public:
     uint16_t port() const { return tarn_udp_local_port(handle_); }
     uint64_t handle() const { return handle_; }
 
-    // A datagram that the system doesn't take is lost, as any datagram may be.
+    // A datagram that the system doesn't take is lost, as any datagram may be. Any thread.
     void send(const tarn_addr &to, std::span<const uint8_t> data) const {
+        const std::lock_guard held(sending_);
         tarn_udp_send(handle_, &to, data.data(), static_cast<int>(data.size()));
     }
 
 private:
     uint64_t handle_ = TARN_SOCKET_NONE;
+    mutable std::mutex sending_; // one thread of those that send
 };
 
 struct loop_hooks {

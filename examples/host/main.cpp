@@ -1,61 +1,92 @@
-// tarn-host: a host without a screen. It keeps an identity and a list of trusted clients in a folder, and streams a
-// video file to each client that connects.
+// tarn-host: a host without a screen. It keeps an identity and a list of trusted clients in a folder, lets clients pair,
+// and streams a video file to each that connects.
 #include <CLI/CLI.hpp>
-#include <cstdio>
-#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
 
-#include <tarnglider/conn_lists.h>
-
+#include "common/clip_link.h"
 #include "common/directory.h"
 #include "common/platform.h"
 #include "common/program.h"
 #include "common/stream_protocol.h"
 #include "common/text.h"
+#include "host/admin.h"
 #include "host/serve.h"
 
 namespace {
 
 constexpr const char *manual = R"(
-A host answers clients over UDP and lets in those whose keys it was told. By hand:
-  on the client:  tarn-client key                         prints the client's key
-  on the host:    tarn-host allow CLIENTKEY "living room" trusts it
-                  tarn-host serve --video clip.h264       prints the port and the host's key
-  on the client:  tarn-client connect HOST:PORT HOSTKEY --save out.h264
+A host answers clients over UDP and lets in those that it knows. It gets to know them by pairing, or by their keys:
+  on the host:    tarn-host serve --video clip.h264 --pair --relay LINK     prints PIN and key code
+  on the client:  tarn-client pair --relay LINK --code CODE                 asks for the PIN; then
+                  tarn-client connect NAME --save out.h264
+LINK is what tarn-server --link prints; on one network --address HOST:PORT or --discover does without a server.
 
-The folder of --dir holds the files "identity" (the secret key: whoever reads it is this host) and
-"authorized_clients". Unless --dir names another, it is tarnglider/host in the user's settings.
+A pairing window closes after its time, with the first success, and when somebody guesses: after 50 wrong attempts
+it stays closed, also over a restart, until a person starts the host with --pair. A host that knows no client has a
+window open until the first one has paired. A password (set-password) stands at any time and locks itself for ten
+minutes after ten wrong attempts, so let it be long.
+
+The folder of --dir holds the files "identity" (the secret key: whoever reads it is this host),
+"authorized_clients", "password" and, if you make it, "relays": a line tarnglider-relays-v1, then a link a line.
+Unless --dir names another, it is tarnglider/host in the user's settings.
 
 Results go to standard output, everything else to standard error.
 Exit codes: 0 done, 1 failed, 2 wrong command line.)";
 
-void allow(const app::directory &store, const std::string &key_argument, const std::string &name) {
-    const app::public_key key = app::parse_key(key_argument, "KEY");
-    tarn_client_list list = store.clients();
-    const bool known = tarn_client_list_find(&list, key.data()) >= 0;
-    const int index = tarn_client_list_add(&list, key.data(), name.c_str());
-    if (index < 0)
-        throw std::runtime_error(
-            app::format("the list of clients is full (%d); remove one of its lines first",
-                        static_cast<int>(TARN_LIST_MAX)));
-    store.save(list);
-    app::say(app::format("tarn-host: %s \"%s\" (%s)", known ? "renamed" : "allowed", list.entries[index].name,
-                         app::key_code(key.data()).c_str()));
+// Values as the command line gives them, where the options hold something else.
+struct serve_arguments {
+    std::string video;
+    std::string address;
+    double rate = 0;
+    uint32_t pair_s = 120;
+    CLI::Option *pair = nullptr;
+    std::vector<std::string> relays;
+    std::vector<std::string> clips;
+    std::string clip_folder;
+};
+
+void add_reach(CLI::App &serve, app::serve_options &options, serve_arguments &arguments) {
+    options.port = app::default_port;
+    serve.add_option("--port", options.port, "UDP port; 0 takes any free one")->capture_default_str();
+    serve.add_option("--bind", arguments.address, "Listen on this address alone")->type_name("ADDRESS");
+    serve.add_option("--name", options.name, "What clients see; without it the machine's name");
+    serve
+        .add_option("--relay", arguments.relays,
+                    "Register with this server, beside those of the folder; @FILE: with those of its lines")
+        ->allow_extra_args(false)
+        ->type_name("LINK|@FILE");
+    arguments.pair = serve
+                         .add_option("--pair", arguments.pair_s,
+                                     "Open a pairing window, for 120 seconds unless a number says otherwise")
+                         ->expected(0, 1)
+                         ->default_str("120")
+                         ->check(CLI::Range(1U, 86400U))
+                         ->type_name("SECONDS");
+    serve
+        .add_option("--clip-send", arguments.clips,
+                    "Offer this PNG or text file to the clipboard of each client; may be repeated")
+        ->allow_extra_args(false)
+        ->type_name("FILE");
+    serve
+        .add_option("--clip-save", arguments.clip_folder, "Save what clients' clipboards send in this folder")
+        ->type_name("FOLDER");
 }
 
-void add_serve(CLI::App &program, app::serve_options &options, std::string &video, std::string &address,
-               double &rate) {
-    CLI::App *serve = program.add_subcommand("serve", "Stream a video to each client that connects");
-    serve->add_option("--video", video, "H.264 Annex B file to send")->required()->type_name("FILE");
-    options.port = app::default_port;
-    serve->add_option("--port", options.port, "UDP port; 0 takes any free one")->capture_default_str();
-    serve->add_option("--bind", address, "Listen on this address alone")->type_name("ADDRESS");
-    serve->add_flag("--once", options.once, "Exit when the first stream is over");
+CLI::App *add_serve(CLI::App &program, app::serve_options &options, serve_arguments &arguments) {
+    CLI::App *serve =
+        program.add_subcommand("serve", "Let clients pair, and stream a video to each that connects");
+    serve->add_option("--video", arguments.video, "H.264 Annex B file to send")->type_name("FILE");
+    add_reach(*serve, options, arguments);
+    serve->add_option("--sessions", options.sessions, "Exit when so many sessions are over; 0: never")
+        ->capture_default_str();
     serve->add_flag("--loop", options.stream.loop, "Begin the video again at its end, for ever");
 
     const char *pace = "Pace (without any of these: the frame rate that the video states, else 30)";
-    CLI::Option *fps = serve->add_option("--fps", rate, "Frames a second, in place of the video's own rate")
-                           ->check(CLI::Range(0.1, 1000.0))
-                           ->group(pace);
+    CLI::Option *fps =
+        serve->add_option("--fps", arguments.rate, "Frames a second, in place of the video's own rate")
+            ->check(CLI::Range(0.1, 1000.0))
+            ->group(pace);
     CLI::Option *speed = serve->add_option("--speed", options.stream.speed, "Times the frame rate")
                              ->check(CLI::Range(0.01, 1000.0))
                              ->capture_default_str()
@@ -77,7 +108,9 @@ void add_serve(CLI::App &program, app::serve_options &options, std::string &vide
         ->check(CLI::Range(0, 255))
         ->capture_default_str()
         ->group(loss);
-    serve->add_option("--loss", options.loss, "Percent of the video datagrams that the host drops on purpose")
+    serve
+        ->add_option("--loss", options.loss,
+                     "Percent of the video and clipboard datagrams that the host drops on purpose")
         ->check(CLI::Range(0.0, 100.0))
         ->capture_default_str()
         ->group(loss);
@@ -86,54 +119,81 @@ void add_serve(CLI::App &program, app::serve_options &options, std::string &vide
         ->group(loss);
 
     serve->add_flag("--json", options.json,
-                    "One JSON object on standard output when listening, one at the end");
+                    "JSON objects on standard output, one a line: listening, PINs, servers, the end");
     serve->add_flag("-q,--quiet", options.quiet, "Nothing on standard error but errors");
+    return serve;
+}
+
+void settle(app::serve_options &options, const serve_arguments &arguments) {
+    if (!arguments.address.empty()) {
+        options.address.emplace();
+        if (tarn_addr_parse(&*options.address, arguments.address.c_str(), options.port) != 0)
+            throw app::usage_error("--bind \"" + arguments.address + "\" is not an IPv4 or IPv6 address");
+    }
+    if (arguments.rate > 0) options.frame_rate = arguments.rate;
+    if (!arguments.video.empty()) options.video = app::path_from_utf8(arguments.video);
+    if (arguments.pair->count() > 0) options.pair_s = arguments.pair_s;
+    for (const std::string &link : arguments.relays)
+        options.relays.add(link);
+    options.clips = app::load_clips(arguments.clips, arguments.clip_folder);
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App program("TarnGlider host: streams a video file to the clients that it trusts", "tarn-host");
+    CLI::App program(
+        "TarnGlider host: streams a video file and exchanges clipboards with the clients that it trusts",
+        "tarn-host");
     program.footer(manual);
     program.require_subcommand(1);
     std::string folder;
-    program.add_option("--dir", folder, "Folder of the identity and the list of clients")
+    program.add_option("--dir", folder, "Folder of the identity, the list of clients and the rest")
         ->type_name("FOLDER")
         ->envname("TARN_HOST_DIR");
 
+    bool json = false;
     CLI::App *key =
         program.add_subcommand("key", "Print this host's public key, making an identity if there is none");
-    bool json = false;
     key->add_flag("--json", json, "Print a JSON object, with the key code");
 
-    CLI::App *trust =
-        program.add_subcommand("allow", "Trust a client; a running host learns it at its next start");
+    CLI::App *trust = program.add_subcommand("allow", "Let a client in, or rename it");
     std::string client_key;
     std::string client_name;
     trust->add_option("KEY", client_key, "The client's public key, as tarn-client key prints it")->required();
     trust->add_option("NAME", client_name, "A name to know it by")->required();
 
+    CLI::App *clients = program.add_subcommand("clients", "List the clients that are let in");
+    clients->add_flag("--json", json, "One JSON object a line");
+
+    CLI::App *remove = program.add_subcommand("remove", "Let a client in no longer");
+    std::string which;
+    remove->add_option("CLIENT", which, "Its key, key code or name")->required();
+
+    CLI::App *set_password =
+        program.add_subcommand("set-password", "Set the password that clients may pair with");
+    std::string password_file;
+    set_password->footer(
+        "The password comes from --password-file, the variable TARN_PASSWORD, the terminal, or "
+        "standard input.");
+    set_password->add_option("--password-file", password_file, "Read it from the first line of this file")
+        ->type_name("FILE");
+    CLI::App *clear_password = program.add_subcommand("clear-password", "Pair by password no longer");
+
     app::serve_options options;
-    std::string video;
-    std::string address;
-    double rate = 0;
-    add_serve(program, options, video, address, rate);
+    serve_arguments arguments;
+    CLI::App *serve = add_serve(program, options, arguments);
 
     return app::run_program(program, argc, argv, [&] {
-        if (!address.empty()) {
-            options.address.emplace();
-            if (tarn_addr_parse(&*options.address, address.c_str(), options.port) != 0)
-                throw app::usage_error("--bind \"" + address + "\" is not an IPv4 or IPv6 address");
-        }
-        if (rate > 0) options.frame_rate = rate;
-        options.video = app::path_from_utf8(video);
+        if (program.got_subcommand(serve)) settle(options, arguments);
         const app::directory store(folder.empty() ? app::default_directory("host")
                                                   : app::path_from_utf8(folder));
         if (program.got_subcommand(key)) return app::print_key(store, json);
-        if (program.got_subcommand(trust)) {
-            allow(store, client_key, client_name);
-            return 0;
-        }
-        return app::serve(store, options);
+        if (program.got_subcommand(serve)) return app::serve(store, options);
+        if (program.got_subcommand(trust)) app::allow_client(store, client_key, client_name);
+        if (program.got_subcommand(clients)) app::list_clients(store, json);
+        if (program.got_subcommand(remove)) app::remove_client(store, which);
+        if (program.got_subcommand(set_password)) app::set_password(store, app::optional_path(password_file));
+        if (program.got_subcommand(clear_password)) app::clear_password(store);
+        return 0;
     });
 }
