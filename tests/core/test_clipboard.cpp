@@ -558,6 +558,24 @@ TEST(ClipWire, BothDirectionsUnderLoss) {
     }
 }
 
+TEST(ClipWire, SixteenMebibytesWithinTheRate) {
+    wire w;
+    const int64_t start = tarn_now_us();
+    double sent = 0, over = 0;
+    w.a.sending = [&](const bytes &p) {
+        sent += static_cast<double>(p.size());
+        over = std::max(over, sent - 5.0 * static_cast<double>(tarn_now_us() - start));
+    };
+    const bytes blob = pattern(TARN_CLIP_PNG_MAX);
+    w.a.offer(blob, TARN_CLIP_PNG);
+    w.run();
+    const auto got = w.b.delivered();
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_TRUE(got[0].data == blob);
+    EXPECT_LE(over, 16384 + 1176);
+    EXPECT_NEAR(static_cast<double>(tarn_now_us() - start) / 1e6, sent / 5e6, 0.01);
+}
+
 TEST(ClipWire, NumbersWrapPastZero) {
     wire w;
     w.a.clip->last_id = UINT32_MAX - 2;
