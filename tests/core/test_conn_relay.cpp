@@ -1,9 +1,39 @@
 // Relay links, records, lists and their file text: what is taken or refused, and that then no key is left.
 #include <gtest/gtest.h>
 
+#include <string.h>
+#include <utility>
+
 #include <tarnglider/conn_relay.h>
 
 #include "support/records.h"
+
+// Server records that the library wiped while they held this key.
+static int wiped_records = 0;
+extern "C" void __real_tarn_secure_wipe(void *memory, size_t size);
+extern "C" void __wrap_tarn_secure_wipe(void *memory, size_t size);
+extern "C" void __wrap_tarn_secure_wipe(void *memory, size_t size) {
+    const auto *record = static_cast<const tarn_relay_server *>(memory);
+    if (size == sizeof *record && memcmp(record->key, "traceable", 9) == 0) wiped_records++;
+    __real_tarn_secure_wipe(memory, size);
+}
+
+TEST(RelayWipes, EveryCopyOfARecord) {
+    static constexpr char link[] = "tarnglider-relay://alpha.test#traceable";
+    tarn_relay_server server;
+    tarn_relay_config config = {};
+    const auto wiped = [] { return std::exchange(wiped_records, 0); };
+    EXPECT_EQ(tarn_relay_link_parse(&server, link), 0);
+    EXPECT_EQ(wiped(), 1);
+    EXPECT_EQ(tarn_relay_server_set(&server, "alpha.test", 1, server.key, server.key_len), 0);
+    EXPECT_EQ(wiped(), 1);
+    EXPECT_EQ(tarn_relay_config_add(&config, &server), 0);
+    EXPECT_EQ(wiped(), 2);
+    EXPECT_EQ(tarn_relay_config_add_link(&config, link), 1); // another port
+    EXPECT_EQ(wiped(), 4);
+    EXPECT_EQ(tarn_relay_link_parse(&server, "tarnglider-relay://alpha.test#traceable%"), -1);
+    EXPECT_EQ(wiped(), 1);
+}
 
 namespace {
 
