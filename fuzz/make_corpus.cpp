@@ -9,6 +9,7 @@
 #include <fstream>
 #include <tuple>
 
+#include "ipc_protocol.h"
 #include "support/packet_rows.h"
 
 namespace {
@@ -113,6 +114,30 @@ void lists() {
     seed(to, "hosts", text.substr(0, tarn_host_list_save(&hosts, text.data(), text.size())));
 }
 
+void stored_texts() {
+    const std::string hex(64, '7');
+    seed("fuzz_stored_texts", "password", "tarnglider-pw1 " + hex.substr(32) + " 65536 3 " + hex);
+    seed("fuzz_stored_texts", "host_id", std::string("4294967295 \r\n"));
+}
+
+// A frame of each verb and of its reply, and a settings record.
+void ipc_frames() {
+    using namespace host_service;
+    const char *to = "fuzz_ipc_frames";
+    for (uint16_t number = 1; number <= 33; number++) {
+        const Verb verb{number};
+        for (const bytes &payload :
+             {bytes(), bytes{30, 0, 0, 0}, bytes(32, 'k'), encode_settings(Settings())}) {
+            const bytes frame = encode_request({verb, payload});
+            if (frame.empty()) continue;
+            const std::string name = std::to_string(number) + "_" + std::to_string(payload.size());
+            seed(to, "request_" + name, frame);
+            seed(to, "reply_" + name, encode_response(verb, Status::denied, "text"));
+        }
+    }
+    seed(to, "settings", encode_settings(Settings()));
+}
+
 // What the reassembler's fuzzer reads: packets behind their lengths, and 0xFFFF where it pops.
 struct stream {
     bytes out;
@@ -184,6 +209,8 @@ int main(int argc, char **argv) {
     rendezvous_messages();
     relays();
     lists();
+    stored_texts();
+    ipc_frames();
     video();
     engines();
     std::printf("%d seeds\n", written);
