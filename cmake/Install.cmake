@@ -1,7 +1,26 @@
-# What `cmake --install` places: headers, both libraries, the CMake package TarnGlider and tarnglider.pc. The static
-# library holds Monocypher's objects, so neither package asks for it.
+# What `cmake --install` places, which scripts/package packs. On Linux: headers, both libraries, the CMake package
+# TarnGlider, tarnglider.pc and the programs; the static library holds Monocypher's objects, so neither package asks for
+# it. On Windows: the service, and beside it the worker and the administrator's tool.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
+
+# install_programs(FOLDER DOCS TARGETS...): those of the programs that this build makes, and the documents.
+function(install_programs folder docs)
+  foreach(target IN LISTS ARGN)
+    if(TARGET ${target})
+      install(TARGETS ${target} RUNTIME DESTINATION ${folder})
+    endif()
+  endforeach()
+  install(FILES README.md DESTINATION ${docs})
+  install(DIRECTORY docs DESTINATION ${docs} FILES_MATCHING PATTERN "*.md")
+endfunction()
+
+if(WIN32)
+  install_programs(. . TarnGliderHostService TarnGliderHostWorker tarnctl)
+  return()
+endif()
+
+install_programs(${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_DATADIR}/doc/tarnglider tarn-client tarn-host tarn-server)
 
 set(TARN_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/TarnGlider)
 set(TARN_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

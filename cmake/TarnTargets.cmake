@@ -13,6 +13,9 @@ endif()
 if(TARN_BUILD_FUZZERS)
   add_compile_options(-fsanitize=fuzzer-no-link) # the fuzzers steer by the library's own branches
 endif()
+if(CMAKE_BUILD_TYPE STREQUAL "Release") # what ships tells nothing of the folder in which it was built
+  add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+endif()
 if(WIN32)
   target_compile_definitions(tarn_flags INTERFACE WIN32_LEAN_AND_MEAN NOMINMAX UNICODE _UNICODE
     _WIN32_WINNT=0x0A00 __USE_MINGW_ANSI_STDIO=1)
