@@ -110,7 +110,7 @@ clip_link::clip_link(const clip_options &options, packet_sink send, note_sink no
         static_cast<clip_link *>(self)->send_({packet, size});
     };
     config.deliver = [](void *self, uint32_t, uint8_t kind, uint8_t *data, size_t size) {
-        static_cast<clip_link *>(self)->save(kind, {data, size});
+        static_cast<clip_link *>(self)->take(kind, {data, size});
         tarn_clip_free(data);
     };
     config.log = [](void *self, const char *line) { static_cast<clip_link *>(self)->note_(line); };
@@ -122,7 +122,7 @@ bool clip_link::packet(std::span<const uint8_t> data, int64_t now_us) {
     tarn_header header{};
     if (tarn_decode_header(data.data(), data.size(), &header) != 0) return false;
     if (header.type == TARN_PKT_CLIPBOARD) {
-        if (!options_.save) return true;
+        if (!options_.receives()) return true;
         incoming_us_ = now_us;
     } else if (header.type != TARN_PKT_CLIPBOARD_ACK) {
         return false;
@@ -135,12 +135,17 @@ bool clip_link::packet(std::span<const uint8_t> data, int64_t now_us) {
     return true;
 }
 
+const clip_file *clip_link::due() const {
+    if (next_ < options_.send.size()) return &options_.send[next_];
+    return echo_ ? &*echo_ : nullptr;
+}
+
 void clip_link::answer(uint32_t id, uint8_t status, int64_t now_us) {
     if (!waiting_ || id != id_) return;
     heard_us_ = now_us;
     if (status == TARN_CLIP_MISSING) return;
     if (status == TARN_CLIP_COMPLETE) {
-        note_("sent " + options_.send[next_].name);
+        note_("sent " + due()->name);
         sent_++;
         next_file();
     } else {
@@ -151,11 +156,15 @@ void clip_link::answer(uint32_t id, uint8_t status, int64_t now_us) {
 void clip_link::next_file() {
     waiting_ = false;
     tries_ = 0;
-    next_++;
+    if (next_ < options_.send.size()) {
+        next_++;
+    } else {
+        echo_.reset();
+    }
 }
 
 void clip_link::give_up(const char *why) {
-    note_("could not send " + options_.send[next_].name + ": " + why);
+    note_("could not send " + due()->name + ": " + why);
     failed_++;
     next_file();
 }
@@ -168,8 +177,8 @@ void clip_link::advance(uint32_t session, size_t payload, int64_t now_us) {
         waiting_ = false; // dropped with the change, and no try of its own
         incoming_us_.reset();
     }
-    if (session == 0 || next_ == options_.send.size()) return;
-    const clip_file &file = options_.send[next_];
+    if (session == 0 || due() == nullptr) return;
+    const clip_file &file = *due();
     if (waiting_) {
         if (now_us - heard_us_ <= patience_us(file.bytes.size())) return;
         waiting_ = false;
@@ -185,23 +194,33 @@ void clip_link::advance(uint32_t session, size_t payload, int64_t now_us) {
 }
 
 bool clip_link::busy(int64_t now_us) const {
-    return next_ < options_.send.size() || (incoming_us_ && now_us - *incoming_us_ < quiet_us);
+    return due() != nullptr || (incoming_us_ && now_us - *incoming_us_ < quiet_us);
 }
 
 // Runs below a callback of the library, which no exception may pass.
-void clip_link::save(uint8_t kind, std::span<const uint8_t> bytes) {
+void clip_link::take(uint8_t kind, std::span<const uint8_t> bytes) {
     try {
-        std::filesystem::path path;
-        unsigned number = 0;
-        do {
-            path = *options_.save / format("clip-%04u.%s", ++number, kind == TARN_CLIP_PNG ? "png" : "txt");
-        } while (std::filesystem::exists(path));
-        create_private_file(path, {reinterpret_cast<const char *>(bytes.data()), bytes.size()});
+        if (options_.save) save(kind, bytes);
         received_++;
-        note_("saved " + utf8(path));
+        if (!options_.echo) return;
+        if (next_ == options_.send.size()) { // an older echo that is under way is outdated
+            waiting_ = false;
+            tries_ = 0;
+        }
+        echo_ = clip_file{"the echo", kind, {bytes.begin(), bytes.end()}};
     } catch (const std::exception &error) {
         note_(std::string("what came from the clipboard is lost: ") + error.what());
     }
+}
+
+void clip_link::save(uint8_t kind, std::span<const uint8_t> bytes) {
+    std::filesystem::path path;
+    unsigned number = 0;
+    do {
+        path = *options_.save / format("clip-%04u.%s", ++number, kind == TARN_CLIP_PNG ? "png" : "txt");
+    } while (std::filesystem::exists(path));
+    create_private_file(path, {reinterpret_cast<const char *>(bytes.data()), bytes.size()});
+    note_("saved " + utf8(path));
 }
 
 } // namespace app

@@ -3,6 +3,8 @@
 //   waiting    a file was offered and its answer is due; a change of session or packet size ends that
 //   due        the next file is offered as soon as nothing comes in; one that gets no answer is offered three times
 //
+// With an echo, what comes in is offered back when the files are through; only the newest of it.
+//
 // A blob that comes in while something is offered here would be taken for outdated by the transfer, hence the pause.
 // All functions belong to one thread; only the two sinks are called from the transfer's thread, too.
 #pragma once
@@ -28,8 +30,10 @@ struct clip_file {
 
 struct clip_options {
     std::vector<clip_file> send;
-    std::optional<std::filesystem::path> save; // without it, what comes in is not answered
-    bool any() const { return save || !send.empty(); }
+    std::optional<std::filesystem::path> save;
+    bool echo = false;
+    bool receives() const { return save || echo; } // else what comes in is not answered
+    bool any() const { return receives() || !send.empty(); }
 };
 
 // The kind of some bytes: PNG by its signature, text if they are UTF-8 without NUL, else 0.
@@ -63,9 +67,11 @@ public:
     uint64_t failed() const { return failed_; }
 
 private:
+    const clip_file *due() const;
     void answer(uint32_t id, uint8_t status, int64_t now_us);
     void next_file();
     void give_up(const char *why);
+    void take(uint8_t kind, std::span<const uint8_t> bytes);
     void save(uint8_t kind, std::span<const uint8_t> bytes);
 
     struct clip_end {
@@ -78,7 +84,8 @@ private:
     uint32_t session_ = 0;
     size_t payload_ = 0;
     size_t next_ = 0; // of the files
-    int tries_ = 0;   // of it
+    std::optional<clip_file> echo_;
+    int tries_ = 0; // of it
     bool waiting_ = false;
     uint32_t id_ = 0;
     int64_t heard_us_ = 0; // of the file that is waited for: the offer, then each answer

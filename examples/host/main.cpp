@@ -47,10 +47,10 @@ struct serve_arguments {
 };
 
 void add_reach(CLI::App &serve, app::serve_options &options, serve_arguments &arguments) {
-    options.port = app::default_port;
-    serve.add_option("--port", options.port, "UDP port; 0 takes any free one")->capture_default_str();
+    options.server.port = app::default_port;
+    serve.add_option("--port", options.server.port, "UDP port; 0 takes any free one")->capture_default_str();
     serve.add_option("--bind", arguments.address, "Listen on this address alone")->type_name("ADDRESS");
-    serve.add_option("--name", options.name, "What clients see; without it the machine's name");
+    serve.add_option("--name", options.server.name, "What clients see; without it the machine's name");
     serve
         .add_option("--relay", arguments.relays,
                     "Register with this server, beside those of the folder; @FILE: with those of its lines")
@@ -78,43 +78,47 @@ CLI::App *add_serve(CLI::App &program, app::serve_options &options, serve_argume
         program.add_subcommand("serve", "Let clients pair, and stream a video to each that connects");
     serve->add_option("--video", arguments.video, "H.264 Annex B file to send")->type_name("FILE");
     add_reach(*serve, options, arguments);
-    serve->add_option("--sessions", options.sessions, "Exit when so many sessions are over; 0: never")
+    serve
+        ->add_option("--sessions", options.server.sessions_max,
+                     "Exit when so many sessions are over; 0: never")
         ->capture_default_str();
-    serve->add_flag("--loop", options.stream.loop, "Begin the video again at its end, for ever");
+    serve->add_flag("--loop", options.server.stream.loop, "Begin the video again at its end, for ever");
 
     const char *pace = "Pace (without any of these: the frame rate that the video states, else 30)";
     CLI::Option *fps =
         serve->add_option("--fps", arguments.rate, "Frames a second, in place of the video's own rate")
             ->check(CLI::Range(0.1, 1000.0))
             ->group(pace);
-    CLI::Option *speed = serve->add_option("--speed", options.stream.speed, "Times the frame rate")
+    CLI::Option *speed = serve->add_option("--speed", options.server.stream.speed, "Times the frame rate")
                              ->check(CLI::Range(0.01, 1000.0))
                              ->capture_default_str()
                              ->group(pace);
-    serve->add_option("--bitrate", options.stream.bitrate, "Mbit/s of video, whatever the frame rate")
+    serve->add_option("--bitrate", options.server.stream.bitrate, "Mbit/s of video, whatever the frame rate")
         ->check(CLI::Range(0.001, 10000.0))
         ->excludes(fps)
         ->excludes(speed)
         ->group(pace);
 
     const char *loss = "Loss";
-    serve->add_option("--fec", options.stream.fec_percent, "Parity in percent of a frame's data")
+    serve->add_option("--fec", options.server.stream.fec_percent, "Parity in percent of a frame's data")
         ->check(CLI::Range(0, 1000))
         ->capture_default_str()
         ->group(loss);
     serve
-        ->add_option("--min-parity", options.stream.min_parity,
+        ->add_option("--min-parity", options.server.stream.min_parity,
                      "Least parity datagrams for each group of up to 64")
         ->check(CLI::Range(0, 255))
         ->capture_default_str()
         ->group(loss);
     serve
-        ->add_option("--loss", options.loss,
+        ->add_option("--loss", options.server.loss,
                      "Percent of the video and clipboard datagrams that the host drops on purpose")
         ->check(CLI::Range(0.0, 100.0))
         ->capture_default_str()
         ->group(loss);
-    serve->add_option("--seed", options.seed, "Which datagrams --loss drops: the same ones for the same seed")
+    serve
+        ->add_option("--seed", options.server.seed,
+                     "Which datagrams --loss drops: the same ones for the same seed")
         ->capture_default_str()
         ->group(loss);
 
@@ -126,8 +130,8 @@ CLI::App *add_serve(CLI::App &program, app::serve_options &options, serve_argume
 
 void settle(app::serve_options &options, const serve_arguments &arguments) {
     if (!arguments.address.empty()) {
-        options.address.emplace();
-        if (tarn_addr_parse(&*options.address, arguments.address.c_str(), options.port) != 0)
+        options.server.address.emplace();
+        if (tarn_addr_parse(&*options.server.address, arguments.address.c_str(), options.server.port) != 0)
             throw app::usage_error("--bind \"" + arguments.address + "\" is not an IPv4 or IPv6 address");
     }
     if (arguments.rate > 0) options.frame_rate = arguments.rate;
@@ -135,7 +139,7 @@ void settle(app::serve_options &options, const serve_arguments &arguments) {
     if (arguments.pair->count() > 0) options.pair_s = arguments.pair_s;
     for (const std::string &link : arguments.relays)
         options.relays.add(link);
-    options.clips = app::load_clips(arguments.clips, arguments.clip_folder);
+    options.server.clips = app::load_clips(arguments.clips, arguments.clip_folder);
 }
 
 } // namespace

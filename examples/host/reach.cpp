@@ -2,14 +2,11 @@
 #include "host/reach.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include <tarnglider/protocol.h>
 #include <tarnglider/rendezvous.h>
 
-#include "common/program.h"
 #include "common/server_text.h"
 #include "common/stream_protocol.h"
 #include "common/text.h"
@@ -28,20 +25,19 @@ std::string server_name(const tarn_server_status &s) {
 
 } // namespace
 
-host_reach::host_reach(tarn_host *engine, const udp_socket &socket, const std::optional<tarn_addr> &address,
-                       std::string name, uint32_t lan_id)
-    : engine_(engine), socket_(socket), address_(address), name_(std::move(name)), lan_id_(lan_id) {
+host_reach::host_reach(tarn_host *engine, const udp_socket &socket, host_voice &voice,
+                       const std::optional<tarn_addr> &address, std::string name, uint32_t lan_id)
+    : engine_(engine), socket_(socket), voice_(voice), address_(address), name_(std::move(name)),
+      lan_id_(lan_id) {
     offer_lan();
 }
 
-void host_reach::start(const tarn_relay_config &relays, bool json, note_sink note) {
-    json_ = json;
-    note_ = std::move(note);
+void host_reach::start(const tarn_relay_config &relays) {
     told_.fill(TARN_SERVER_REGISTERING);
     for (int i = 0; i < relays.count; i++) {
         char name[300];
         tarn_relay_server_name(name, sizeof name, &relays.servers[i]);
-        note_(format("server %s: registering", name));
+        voice_.note(format("server %s: registering", name));
     }
     resolver_.reset(tarn_resolver_start_host(engine_, &relays));
 }
@@ -52,14 +48,7 @@ void host_reach::event(const conn_event &event) {
         tarn_host_server_status(engine_, event.server, &status) != 0)
         return;
     told_[static_cast<size_t>(event.server)] = TARN_SERVER_REGISTERED;
-    const std::string server = server_name(status);
-    const std::string seen = addr_text(event.addr);
-    if (json_) {
-        print_json({{"event", "registered"}, {"server", server}, {"public", seen}, {"rtt_us", event.rtt_us}});
-    } else {
-        std::printf("registered server=%s public=%s\n", server.c_str(), seen.c_str());
-        std::fflush(stdout);
-    }
+    voice_.registered(server_name(status), addr_text(event.addr), event.rtt_us);
 }
 
 void host_reach::watch() {
@@ -69,10 +58,10 @@ void host_reach::watch() {
         if (status.status == told) continue;
         told = status.status;
         const std::string server = "server " + server_name(status) + ": ";
-        if (told == TARN_SERVER_UNRESOLVED) note_(server + "its name can't be resolved; trying on");
+        if (told == TARN_SERVER_UNRESOLVED) voice_.note(server + "its name can't be resolved; trying on");
         if (told == TARN_SERVER_SILENT)
-            note_(server + "no answer; is it running, and does the link hold its key? Trying on");
-        if (told == TARN_SERVER_ERROR) note_(server + "it refuses: " + server_error_text(status.error));
+            voice_.note(server + "no answer; is it running, and does the link hold its key? Trying on");
+        if (told == TARN_SERVER_ERROR) voice_.note(server + "it refuses: " + server_error_text(status.error));
     }
     offer_lan();
 }

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -14,20 +13,19 @@
 #include <tarnglider/netsock.h>
 
 #include "common/udp_loop.h"
+#include "host/host_voice.h"
 
 namespace app {
 
 class host_reach {
 public:
-    using note_sink = std::function<void(const std::string &line)>;
-
-    // Engine and socket outlive this. `address`: the one address that the socket is bound to, if it is. `name`: what
-    // clients that search are told.
-    host_reach(tarn_host *engine, const udp_socket &socket, const std::optional<tarn_addr> &address,
-               std::string name, uint32_t lan_id);
+    // Engine, socket and voice outlive this. `address`: the one address that the socket is bound to, if it is. `name`:
+    // what clients that search are told.
+    host_reach(tarn_host *engine, const udp_socket &socket, host_voice &voice,
+               const std::optional<tarn_addr> &address, std::string name, uint32_t lan_id);
 
     // Says which servers there are, and starts to look up their names.
-    void start(const tarn_relay_config &relays, bool json, note_sink note);
+    void start(const tarn_relay_config &relays);
 
     void event(const conn_event &event);
 
@@ -46,11 +44,10 @@ private:
 
     tarn_host *engine_;
     const udp_socket &socket_;
+    host_voice &voice_;
     std::optional<tarn_addr> address_;
     std::string name_;
     uint32_t lan_id_;
-    bool json_ = false;
-    note_sink note_;
     std::array<tarn_addr, TARN_LAN_MAX> lan_{};
     int lan_count_ = -1;                                 // none offered yet
     std::array<int32_t, TARN_RELAY_MAX_SERVERS> told_{}; // state of each server that was last told
