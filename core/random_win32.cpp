@@ -1,5 +1,5 @@
-// The system's random source on Windows: RtlGenRandom, which advapi32 (a library that Windows always takes from its
-// own directory) exports under a number.
+// The system's random source on Windows: RtlGenRandom, which advapi32 exports under a number. advapi32 passes the call on
+// to a library that Windows may search for, so the programs import it late, from the system directory.
 #include <tarnglider/secure.h>
 
 #include <windows.h>
