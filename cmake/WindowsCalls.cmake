@@ -29,7 +29,7 @@ endfunction()
 late_import(windows_late advapi32 SystemFunction036) # known itself, but it hands this one on to a library that isn't
 late_import(windows_late bcrypt BCryptGenRandom)
 late_import(windows_late crypt32 CryptProtectData CryptUnprotectData)
-late_import(windows_late iphlpapi GetAdaptersAddresses)
+late_import(windows_late iphlpapi ConvertLengthToIpv4Mask GetAdaptersAddresses)
 late_import(windows_late userenv CreateEnvironmentBlock DestroyEnvironmentBlock)
 
 # Behind the stubs, which call it.

@@ -31,7 +31,8 @@ int wmain(int argc, wchar_t **argv) {
     if (argc == 1) {
         return host_service::run_service();
     }
-    if (argc != 2) {
+    // A switch may be given, elevated, in a folder full of downloads: nothing of that folder is loaded either.
+    if (argc != 2 || !SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32)) {
         return refused;
     }
     for (const auto &candidate : switches) {

@@ -129,6 +129,8 @@ void Runtime::stop_worker_now() {
         std::lock_guard held(lock);
         if (worker.alive() && worker_pipe != INVALID_HANDLE_VALUE) {
             ask_to_leave(*this);
+            channel =
+                channel_state::lost; // its reply may be owed, and an administrator's thread may wait for lock
         }
         if (worker_stop_event != nullptr) {
             SetEvent(worker_stop_event);

@@ -79,7 +79,8 @@ bool save_clients(const tarn_client_list &clients);
 // none. In the Machine scope it is checked field by field. The caller wipes it.
 std::string load_password_blob();
 
-// An empty line isn't stored but deletes the item; the answer is then whether it is gone.
+// An empty line isn't stored but deletes the item, with delete_password_blob's consequences; the answer is then whether
+// it is gone.
 bool save_password_blob(const std::string &line);
 
 // Deletes the item; there may be none. In the Machine scope one that isn't protected is left in place, and that or a

@@ -8,9 +8,9 @@
 
 #include <windows.h>
 
+#include <keystore_text.h>
 #include <security.h>
 #include <sysinfo.h>
-#include <tarnglider/conn_host.h>
 #include <worker_process.h>
 
 #include "common/directory.h"
@@ -63,18 +63,7 @@ bool good_relays(const std::string &text) {
                                   text.size()) == 0;
 }
 
-// The engine is who has to understand it.
-bool good_password(const std::string &text) {
-    tarn_host_config config{};
-    config.send = [](void *, const tarn_addr *, const uint8_t *, size_t) {};
-    const std::unique_ptr<tarn_host, void (*)(tarn_host *)> engine(
-        tarn_host_create(&config, nullptr, text.c_str()), tarn_host_destroy);
-    tarn_host_pairing_state state{};
-    if (engine) tarn_host_pairing_status(engine.get(), &state);
-    const bool good = state.password_set != 0;
-    tarn_secure_wipe(&state, sizeof state);
-    return good;
-}
+bool good_password(const std::string &text) { return keystore::valid_password_line(text); }
 
 constexpr item items[] = {
     {L"settings", false, good_settings, "a settings record of 16 bytes, each field in its range"},
@@ -83,6 +72,12 @@ constexpr item items[] = {
     {L"pairing_password", true, good_password, "a password's stored form, tarnglider-pw1"},
     {L"relays", true, good_relays, "a list of relay servers, tarnglider-relays-v1"},
 };
+
+// False also for what can't be looked at.
+bool has_attribute(const std::wstring &path, DWORD any_of) {
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & any_of) != 0;
+}
 
 class checker {
 public:
@@ -98,6 +93,7 @@ private:
     void ancestors(const std::wstring &path);
     void items_of(const std::wstring &folder);
     void log_of(const std::wstring &folder);
+    void worker_of(const std::wstring &folder);
 
     bool json_;
     int refusals_ = 0;
@@ -140,7 +136,7 @@ void checker::programs_of(const std::wstring &folder) {
         const bool named = std::any_of(std::begin(programs), std::end(programs), [&](const wchar_t *known) {
             return _wcsicmp(known, name.c_str()) == 0;
         });
-        if ((GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        if (has_attribute(path, FILE_ATTRIBUTE_DIRECTORY)) {
             tell(true, path, "is a folder with the name of a library");
         } else if (!named) {
             check(path, PathKind::read_only_for_users);
@@ -156,9 +152,20 @@ void checker::store() {
     if (!check(folder, PathKind::private_only)) return;
     const auto entries = list_folder(folder, L"*");
     if (!entries) return tell(true, folder, "can't be listed");
-    for (const std::wstring &name : *entries)
-        check(folder + L"\\" + name, PathKind::private_only);
+    for (const std::wstring &name : *entries) {
+        const std::wstring path = folder + L"\\" + name;
+        if (!is_missing(path)) check(path, PathKind::private_only); // a save or a rotation may be under way
+    }
     items_of(folder);
+    log_of(folder);
+    if (!is_missing(folder + L"\\worker")) worker_of(folder + L"\\worker");
+}
+
+// The worker's own folder, of which the service looks at nothing but the folder itself.
+void checker::worker_of(const std::wstring &folder) {
+    const std::wstring log = folder + L"\\host.log";
+    if (is_missing(log)) return;
+    check(log, PathKind::private_only);
     log_of(folder);
 }
 
@@ -186,16 +193,14 @@ void checker::items_of(const std::wstring &folder) {
 
 // A log that can't be kept leaves the service running, so nobody else says it.
 void checker::log_of(const std::wstring &folder) {
+    constexpr DWORD unwritable = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY;
     const std::wstring path = folder + L"\\host.log";
-    const DWORD attributes = GetFileAttributesW(path.c_str());
     if (is_missing(path)) {
-        tell(false, path, "is missing: the service couldn't make it, or has never run");
-    } else if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) != 0) {
-        tell(false, path, "is a folder or read-only: the service runs without a log");
+        tell(false, path, "is missing: it couldn't be made, or nothing has run yet");
+    } else if (has_attribute(path, unwritable)) {
+        tell(false, path, "is a folder or read-only: there is no log");
     }
-    const DWORD rotated = GetFileAttributesW((path + L".1").c_str());
-    if (rotated != INVALID_FILE_ATTRIBUTES &&
-        (rotated & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) != 0)
+    if (has_attribute(path + L".1", unwritable))
         tell(false, path + L".1", "is a folder or read-only: the log can't be rotated and ends at 10 MiB");
 }
 

@@ -82,10 +82,18 @@ private:
     std::atomic<ULONGLONG> last_ms_ = GetTickCount64();
 };
 
-// The log is not worth failing for: without a folder for it there is none.
+bool writable_log(const std::wstring &path) {
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) return GetLastError() == ERROR_FILE_NOT_FOUND;
+    return (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) == 0 &&
+           host_service::protected_path(path, true);
+}
+
+// The log is not worth failing for, and one that can't be kept safe would fail the store: then there is none.
 void open_log() {
     const std::wstring folder = keystore::hostStoreDirectory() + L"\\worker";
-    if (host_service::create_private_directory(folder)) host_service::log_open(false, folder);
+    if (host_service::create_private_directory(folder) && writable_log(folder + L"\\host.log"))
+        host_service::log_open(false, folder);
 }
 
 std::optional<app::video_file> load_sample() {

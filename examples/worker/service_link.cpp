@@ -21,7 +21,7 @@ using host_service::Verb;
 constexpr DWORD connect_ms = 9000;
 // Pause and answer together stay below the 5 seconds after which a silent worker is given up.
 constexpr DWORD heartbeat_ms = 2000;
-constexpr DWORD heartbeat_answer_ms = 2000;
+constexpr DWORD heartbeat_answer_ms = 1000; // for each direction
 // The service reads a reply for 5 seconds, that to a stop for 1; after 3 it ends a worker that it stops.
 constexpr DWORD reply_ms = 2000;
 // Nothing hangs on this one: a wait for requests that ends in time begins anew.

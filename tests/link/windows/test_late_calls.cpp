@@ -81,6 +81,10 @@ TEST(late_calls, answer_from_the_system_directory_alone) {
     ULONG size = 0;
     EXPECT_EQ(GetAdaptersAddresses(AF_INET, 0, nullptr, nullptr, &size), ERROR_BUFFER_OVERFLOW);
 
+    ULONG mask = 0;
+    EXPECT_EQ(ConvertLengthToIpv4Mask(24, &mask), 0u);
+    EXPECT_EQ(mask, 0x00FFFFFFu);
+
     SetLastError(77); // a lookup behind the caller's back doesn't touch it
     EXPECT_TRUE(SystemFunction036(bytes.data(), 32));
     EXPECT_EQ(GetLastError(), 77U);
