@@ -79,8 +79,23 @@ struct world {
     bytes received;
 };
 
+struct digit { // its closer spoils the last error
+    using type = int;
+    static type none() { return 0; }
+    static void close(type one) { SetLastError(99), closed = closed * 10 + one; }
+    static inline int closed = 0;
+};
+
+TEST(Handles, AreClosedOnceWithTheErrorKept) {
+    machine m;
+    SetLastError(5);
+    owned<digit> one(1);
+    *one.put() = 2, one.reset(3), one.reset();
+    EXPECT_TRUE(digit::closed == 123 && GetLastError() == 5);
+}
+
 TEST(IpcTransport, ReadsInPiecesAndTellsNothingFromBroken) {
-    enum after { silence, close, stop };
+    enum after { silence, close, stop, late_close }; // the last when the read is given up
     const bytes frame = encode_request({Verb::set_password, bytes(10, 'x')});
     constexpr frame_read whole = frame_read::whole, nothing = frame_read::nothing,
                          broken = frame_read::broken;
@@ -89,9 +104,10 @@ TEST(IpcTransport, ReadsInPiecesAndTellsNothingFromBroken) {
         after then;  // at 300 ms
         frame_read outcome;
         uint64_t at;
-    } rows[] = {{0, silence, nothing, 5000}, {0, stop, nothing, 300},  {0, close, broken, 300},
-                {11, silence, broken, 5000}, {11, stop, broken, 300},  {12, silence, broken, 5000},
-                {21, stop, broken, 300},     {21, close, broken, 300}, {22, silence, whole, 100}};
+    } rows[] = {{0, silence, nothing, 5000},  {0, stop, nothing, 300},  {0, close, broken, 300},
+                {11, silence, broken, 5000},  {11, stop, broken, 300},  {12, silence, broken, 5000},
+                {21, stop, broken, 300},      {21, close, broken, 300}, {22, silence, whole, 100},
+                {0, late_close, broken, 5000}};
     for (const auto &row : rows) {
         for (const size_t piece : {0u, 1u, 7u, 12u}) {
             SCOPED_TRACE(testing::Message() << row.sent << " bytes, then " << row.then << ", by " << piece);
@@ -101,6 +117,10 @@ TEST(IpcTransport, ReadsInPiecesAndTellsNothingFromBroken) {
             w.later(w.tool, 100, [&] { w.send(bytes(frame.data(), frame.data() + row.sent)); });
             w.later(row.then == stop ? w.service : w.tool, 300, [&] {
                 row.then == stop ? SetEvent(w.cancel) : row.then == close ? CloseHandle(w.far_end) : 0;
+            });
+            w.m.before_call([&](const std::string &call) {
+                if (row.then == late_close && call == "CancelIoEx")
+                    w.as(w.tool, [&] { return CloseHandle(w.far_end); });
             });
             bytes out = {1};
             EXPECT_EQ(read_frame_outcome(w.near_end, out, w.cancel, 5000), row.outcome);
@@ -165,8 +185,9 @@ TEST(IpcTransport, ConnectsWithinItsBounds) {
         if (event != client) continue;
         w.later(w.service, 1000, [&] { w.m.end_process(another); });
         wait_client_close(pipe, w.cancel, 700);
+        SetEvent(w.cancel), wait_client_close(pipe, w.cancel, 5000);
         EXPECT_EQ(w.passed(), 1000u);
-        wait_client_close(pipe, w.cancel, 5000);
+        wait_client_close(pipe, nullptr, 5000);
         EXPECT_EQ(w.passed(), 1300u) << "the client has gone";
     }
 }

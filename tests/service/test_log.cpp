@@ -1,11 +1,13 @@
 // The log on the simulated machine: what a line looks like, which file it is in, and when a machine log is refused. The
 // store's part is played here: the scope, and the list of what it was told.
+#include <stdio_ext.h>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "handles.h"
 #include "keystore.h"
 #include "log.h"
 #include "winsim/machine.h"
@@ -63,11 +65,17 @@ TEST_F(Log, LinesAreStampedCutAndKeptAcrossOpenings) {
     hsay("%s", "plain");
     machine.run_for(61234);
     hlog("%d of %s", 7, "nine");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "[20:53:20.000] " + banner("console") + "\nplain\n[20:54:21.234] 7 of nine\n");
-    EXPECT_EQ(machine.read(path), line(banner()) + line(std::string(2047, 'x')) + line(banner("console")) +
-                                      line("plain") + "[2026-02-28 20:54:21.234] 7 of nine\r\n");
+    hlog("no text %ls", L"\u00E9"); // in the locale of C
+    EXPECT_EQ(__fpending(stdout), 0u);
+    for (const DWORD access : {GENERIC_READ, FILE_APPEND_DATA, DELETE}) { // others may, while it is open
+        EXPECT_TRUE(unique_file(CreateFileW(path.c_str(), access, 7, nullptr, OPEN_EXISTING, 0, nullptr)));
+    }
+    EXPECT_EQ(machine.read(path),
+              line(banner()) + line(std::string(2047, 'x')) + line(banner("console")) + line("plain") +
+                  "[2026-02-28 20:54:21.234] 7 of nine\r\n[2026-02-28 20:54:21.234] \r\n");
     EXPECT_EQ(machine.descriptor(path), private_list);
+    log_close();
+    hlog("echoed");
 
     scope = HostStoreScope::User;
     machine.set_token(process, winsim::user_token());
@@ -77,6 +85,9 @@ TEST_F(Log, LinesAreStampedCutAndKeptAcrossOpenings) {
     log_open(false);
     EXPECT_TRUE(log_file_path().ends_with(L"\\AppData\\Local\\TarnGlider\\host.log"));
     EXPECT_TRUE(machine.read(log_file_path()).ends_with(banner() + "\r\n"));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[20:53:20.000] " + banner("console") +
+                  "\nplain\n[20:54:21.234] 7 of nine\n[20:54:21.234] \n[20:54:21.234] echoed\n");
 }
 
 TEST_F(Log, TheLineThatFillsTheFileIsItsLastAndAFailedRenameIsTriedAgain) {
@@ -84,6 +95,7 @@ TEST_F(Log, TheLineThatFillsTheFileIsItsLastAndAFailedRenameIsTriedAgain) {
     for (const size_t over : {0u, 1u}) {
         machine.make_file(old_path, private_list, "older");
         open_filled(full + over - ours);
+        machine.fail("GetFileSizeEx", ERROR_ACCESS_DENIED); // of the next file
         hlog("last");
         EXPECT_EQ(machine.read(over ? old_path : path).size(), full + over);
         EXPECT_EQ(machine.read(over ? path : old_path), over ? "" : "older");
@@ -137,6 +149,9 @@ TEST_F(Log, AMachineLogThatIsNotSafeFailsTheStoreAndStaysClosed) {
                 << row.call;
         }
     }
+    scope = HostStoreScope::Machine;
+    log_open(false, L"C:\\missing");
+    EXPECT_EQ(failures, texts{"machine log open failed"}) << "and isn't taken for an unsafe one";
     machine.make_file(old_path, private_list);
     machine.make_link(path, private_list, old_path);
     log_open(false, folder);

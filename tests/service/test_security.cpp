@@ -73,7 +73,8 @@ TEST(security, paths) {
         {"passes", {L"C:\\", L"C:\\dir\\", L"C:\\dir\\sub\\file", L"C:\\dir\\missing", L"C:\\dir\\..."}},
         {"no folder", {L"C:\\missing\\x", L"C:\\missing\\"}},
         {"unseen",
-         {L"", L"C:", L"C:dir", L"dir\\sub", L"CC:\\dir", L"\\\\server\\share\\x", L"\\\\?\\C:\\dir"}},
+         {L"", L"C:", L"CD\\dir", L"C:dir", L"dir\\sub", L"CC:\\dir", L"\\\\server\\share\\x",
+          L"\\\\?\\C:\\dir"}},
         {"unseen", {L"C:/dir", L"C:\\dir/sub", L"C:\\\\dir", L"C:\\\\", L"C:\\dir\\\\sub", L"C:\\dir\\\\"}},
         {"unseen", {L"C:\\.\\dir", L"C:\\dir\\.", L"C:\\dir\\..\\dir", L"C:\\dir\\..", L"C:\\..\\dir"}},
     };
@@ -141,7 +142,7 @@ TEST(security, processes) {
         bool system, admin, privileged;
     } rows[] = {
         {winsim::system_token(3), true, true, true},
-        {{"SY", {}, 2, false, {}}, true, false, false},
+        {{"SY", {}, 0, false, {}}, true, false, false},
         {{"S-1-5-19", {"BA"}, 0, true, {}}, false, true, false}, // LocalService among the administrators
         {winsim::filtered_admin_token(), false, false, false},   // before the consent
         {{"S-1-5-21-1", {"BA"}, 1, false, {}}, false, false, false},

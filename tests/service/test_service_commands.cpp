@@ -184,6 +184,14 @@ TEST(ServiceCommands, InstallRegistersOrUpdatesInPlace) {
     EXPECT_EQ(r.run(status, 3), 1) << "one switch or none";
     EXPECT_EQ(r.run(status, 1), 2) << "the service manager didn't start this process";
     EXPECT_EQ(r.machine.dll_directories(), 0xA00u);
+    EXPECT_EQ(r.run(status), 2);
+    EXPECT_EQ(r.machine.dll_directories(), 0x800u) << "a switch may be given in a folder full of downloads";
+    r.machine.install_program(program,
+                              [](const std::wstring &) { return static_cast<DWORD>(rig::run(L"", 1)); });
+    EXPECT_EQ(r.run(install), 0);
+    r.machine.run_for(1000);
+    EXPECT_EQ(r.machine.service(name).status.dwCurrentState, busy);
+    EXPECT_EQ(r.run(uninstall), 0) << "a service that runs is told to stop";
 }
 
 } // namespace

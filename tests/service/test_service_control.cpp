@@ -25,6 +25,7 @@ DWORD host_service::supervise(HANDLE stop, HANDLE wake) {
     while (!played.gives_up && WaitForSingleObject(stop, 10) == WAIT_TIMEOUT) {
         wakes += WaitForSingleObject(wake, 0) == WAIT_OBJECT_0;
     }
+    EXPECT_TRUE(played.gives_up || WaitForSingleObject(stop, 0) == WAIT_OBJECT_0) << "for all its threads";
     Sleep(played.stop_ms);
     return played.result;
 }
@@ -62,8 +63,8 @@ const struct {
 } rows[] = {
     {"stopped", stopping + ended, {stop}},
     {"shut down", stopping + ended, {other, session, SERVICE_CONTROL_SHUTDOWN}},
-    {"slow", stopping + "16/3/0/0/0/2/5000 16/3/0/0/0/3/5000 " + ended, {stop}, {2500}},
-    {"stopped with a result", stopping + failed, {stop}, {0, 7}},
+    {"slow", stopping + "16/3/0/0/0/2/5000 16/3/0/0/0/3/5000 " + ended, {stop}, {2980}},
+    {"stopped with a result", stopping + "16/3/0/0/0/2/5000 " + failed, {stop}, {1010, 7}},
     {"no admin pipe", running + failed, {}, {0, 2, true}},
     {"stopped while it starts", stopping + ended, {stop}, {0, 0, false, 300}},
     {"no store", refused, {}, {0, 0, false, 0, true}},
@@ -90,6 +91,7 @@ TEST(ServiceControl, EveryLifeIsReportedStepByStep) {
             machine.fail(row.failing, ERROR_ACCESS_DENIED, row.nth);
             machine.before_call([&](const std::string &call) {
                 const texts open = machine.open_handles(GetCurrentProcessId());
+                EXPECT_TRUE(call != "CreateFileW" || machine.service(name).reports.size() == 1) << "it runs";
                 events = call == "SetServiceStatus" ? std::count(open.begin(), open.end(), "event") : events;
             });
             const int code = host_service::run_service();
@@ -119,7 +121,9 @@ TEST(ServiceControl, EveryLifeIsReportedStepByStep) {
         EXPECT_EQ(machine.exit_code(process), row.reports.empty() ? STILL_ACTIVE : 0);
         if (row.reports.starts_with(running)) {
             EXPECT_EQ(events, 2) << "closed before the last report";
-            EXPECT_EQ(machine.exists(L"C:\\Store\\host.log"), std::string(row.failing) != "CreateFileW");
+            const bool log = machine.exists(L"C:\\Store\\host.log");
+            EXPECT_EQ(log, std::string(row.failing) != "CreateFileW");
+            EXPECT_TRUE(!log || machine.read(L"C:\\Store\\host.log").find(", tray)") != std::string::npos);
         }
         EXPECT_EQ(wakes, std::count(row.sent.begin(), row.sent.end(), session));
         EXPECT_EQ(machine.breaches(), texts());

@@ -158,7 +158,7 @@ TEST(worker_process, ends) {
     h.expect_nothing_left();
 }
 
-// Whatever fails: no worker, no handle, not one instruction. A process that was made already ends with code 1.
+// Whatever fails: no worker, no handle, not one instruction. One that was made already ends with 1, and is waited for.
 TEST(worker_process, fails_closed) {
     int half_made = 0;
     for (int nth = 1, reached = true; reached; nth++) {
@@ -171,7 +171,7 @@ TEST(worker_process, fails_closed) {
         reached = !h.m.failed_call().empty();
         EXPECT_EQ(started, !reached) << h.m.failed_call() << ", call " << nth;
         EXPECT_TRUE(started || h.runs == 0) << h.m.failed_call();
-        half_made += made != 0 && h.m.exit_code(made) == 1;
+        half_made += made != 0 && h.m.exit_code(made) == 1 && h.m.calls("WaitForSingleObject") == 1;
         h.m.clear_failures();
         started ? h.worker.stop() : void();
         h.expect_nothing_left();
@@ -183,18 +183,21 @@ TEST(worker_process, names) {
     const std::wstring longest = L"C:\\" + std::wstring(32762, L'd'); // with "\\x" 32767 characters
     const std::wstring programs[] = {text, L"C:\\x", L"x", longest + L"\\x", longest + L"\\xx"};
     const std::wstring directories[] = {folder, L"C:", L"", longest, L""};
+    int high = 0; // digits above 7
     for (size_t i = 0; i < 5; i++) {
-        winsim::machine m;
+        winsim::machine m(i);
         m.act_as(m.make_process(winsim::system_token(), programs[i]));
         EXPECT_EQ(executable_directory(), directories[i]);
         std::wstring name = worker_channel_name();
         EXPECT_EQ(name.substr(0, 33), L"\\\\.\\pipe\\TarnGliderHostWorker-v1-");
         EXPECT_TRUE(name.size() == 65 && name.find_first_not_of(L"0123456789abcdef", 33) == name.npos);
         EXPECT_NE(worker_channel_name(), name);
+        high |= (name[63] > L'7') << 1 | (name[64] > L'7');
         m.fail("GetModuleFileNameW", ERROR_GEN_FAILURE);
         m.fail("BCryptGenRandom", ERROR_GEN_FAILURE);
         EXPECT_EQ(executable_directory() + worker_channel_name(), L"");
     }
+    EXPECT_EQ(high, 3) << "in both halves of a byte";
 }
 
 } // namespace

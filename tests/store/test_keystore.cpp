@@ -3,32 +3,48 @@
 #include <functional>
 #include <new>
 
+#include "handles.h"
 #include "store_machine.h"
 
 namespace {
 
 using namespace keystore;
+using host_service::unique_file;
 
 constexpr size_t mib = 1048576;
+
+unique_file opens(const std::wstring &path, DWORD access) { // for whatever others do
+    return unique_file(CreateFileW(path.c_str(), access, 7, nullptr, OPEN_EXISTING, 0, nullptr));
+}
 
 bool write(const std::string &text) { return writeHostFile(L"settings", text.data(), text.size()); }
 
 TEST(keystore, writes_for_its_owners_alone) {
+    std::string temporary;
     for (const bool machine : {true, false}) {
         store_machine s(machine);
-        std::string before_move;
         s.m.before_call([&](const std::string &call) {
-            before_move = call == "MoveFileExW" ? s.entries() : before_move;
+            temporary = call == "MoveFileExW" ? s.entries() : temporary;
+            EXPECT_TRUE(call != "FlushFileBuffers" || !opens(s.m.tree(s.dir)[0], GENERIC_READ));
         });
         EXPECT_TRUE(write("text") && s.get(L"settings") == "text");
         s.m.before_call(nullptr);
         EXPECT_TRUE(s.m.descriptor(s.path(L"settings")).ends_with(machine ? private_list : user_list));
-        EXPECT_EQ(before_move.find_first_not_of("0123456789abcdef", 13), 45u);
-        EXPECT_EQ(before_move.substr(0, 13) + before_move.substr(45), "settings.tmp- ");
+        EXPECT_EQ(temporary.find_first_not_of("0123456789abcdef", 13), 45u);
+        EXPECT_EQ(temporary.substr(0, 13) + temporary.substr(45), "settings.tmp- ");
         EXPECT_EQ(s.m.calls("FlushFileBuffers"), 1);
         s.m.fail("WriteFile", 31, 1, winsim::for_good);
         EXPECT_TRUE(writeHostFile(L"empty", nullptr, 0)) << "without a write";
         EXPECT_EQ(s.get(L"empty"), "");
+    }
+    // Whoever knows the temporary file's name beforehand, from the same random numbers, gains nothing.
+    for (const bool link : {true, false}) {
+        store_machine s(false);
+        const std::wstring name(temporary.begin(), temporary.end() - 1), elsewhere = s.base + L"\\elsewhere";
+        s.put(name, "planted");
+        link ? s.m.make_link(s.path(name), s.m.descriptor(s.path(name)), elsewhere) : void();
+        EXPECT_FALSE(write("text") || s.m.exists(elsewhere));
+        EXPECT_EQ(s.entries() + s.get(name), temporary + (link ? "" : "planted"));
     }
     for (const char *weak : {"O:S-1-5-21-1-2-3-1001D:P(A;;FA;;;SY)", weak_list, "O:BAD:(A;;FA;;;SY)"}) {
         for (const bool directory : {true, false}) {
@@ -56,7 +72,14 @@ TEST(keystore, names_and_sizes) {
     s.put(L"settings", std::string(mib, 'x'));
     EXPECT_THROW(readHostFile(L"settings", out), std::runtime_error);
     state().scope = HostStoreScope::User;
+    const std::wstring path = app_data_dir() + L"\\settings";
+    s.m.make_file(path, private_list, std::string(mib, 'x'));
     EXPECT_FALSE(readHostFile(L"settings", out));
+    s.m.make_file(path, private_list);
+    for (const DWORD access : {GENERIC_READ, GENERIC_WRITE}) { // by somebody at the same time
+        const unique_file other = opens(path, access);
+        EXPECT_EQ(readHostFile(L"settings", out), access == GENERIC_READ);
+    }
 }
 
 // A scanner that holds a file for a moment must not end all saving; one that keeps it must.
@@ -68,11 +91,12 @@ TEST(keystore, patience_and_deletion) {
         const char *health;
     } rows[] = {
         {"MoveFileExW", 32, 10, 200, "healthy"},
-        {"MoveFileExW", 5, 11, 200, "machine file write failed"},
-        {"MoveFileExW", 3, 1, 0, "machine file write failed"},
+        {"MoveFileExW", 5, 11, 240, "machine file write failed"}, // and 40 ms for the temporary file
+        {"MoveFileExW", 3, 1, 40, "machine file write failed"},
         {"DeleteFileW", 5, 10, 200, "healthy"},
         {"DeleteFileW", 32, 11, 200, "machine password deletion failed"},
-        {"DeleteFileW", 31, 1, 0, "machine password deletion failed"},
+        {"DeleteFileW", 31, 1, 0,
+         "machine password deletion failed"}, // and whether it is there can't be told
         {"weak", 0, 1, 0, "machine password ACL invalid"},
     };
     for (const auto &row : rows) {
@@ -82,7 +106,9 @@ TEST(keystore, patience_and_deletion) {
         s.put(L"pairing_password", "old", row.call[0] == 'w' ? weak_list : private_list);
         const uint64_t start = s.m.now_ms();
         s.m.fail(row.call, row.error, 1, row.times);
+        s.m.fail("GetFileAttributesW", 5, row.error == 31 ? 7 : row.error == 0 ? 1 : 99);
         if (row.call[0] == 'M') {
+            s.m.fail("DeleteFileW", 32, 1, 2);
             EXPECT_EQ(write("new"), ok);
         } else {
             delete_password_blob();
@@ -115,6 +141,10 @@ TEST(keystore, health_and_sealing) {
             s.m.fail(call, 31);
             EXPECT_FALSE(verifyHostProtection());
         }
+        s.m.on_secret([](const std::string &call, const void *plain, size_t) {
+            call[5] == 'U' ? *static_cast<char *>(const_cast<void *>(plain)) = 'x' : 0;
+        });
+        EXPECT_FALSE(verifyHostProtection()) << "something else came back";
         failHostStore("first");
         failHostStore("second");
         EXPECT_EQ(s.health(), machine ? "first" : "healthy");
@@ -211,8 +241,8 @@ TEST(keystore, steps_of_a_start) {
         {directory, [](store_machine &s) { s.m.set_descriptor(s.dir, weak_list); }},
         {"machine directory enumeration failed", fail("FindFirstFileW", ERROR_PATH_NOT_FOUND)},
         {entry, fail("FindNextFileW", 31)},
-        {entry, file(L"a", weak_list)}, // the first, one in between, the last
-        {entry, file(L"n", weak_list)},
+        {entry, file(L".a", weak_list)}, // the first, one in between, the last
+        {entry, file(L"settings", weak_list)},
         {entry, file(L"z", weak_list)},
         {entry, [](store_machine &s) { s.m.make_directory(s.path(L"d"), weak_list); }},
         {entry, [](store_machine &s) { s.m.make_junction(s.path(L"d"), private_list); }},

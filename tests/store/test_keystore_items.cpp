@@ -25,7 +25,7 @@ namespace {
 
 using namespace keystore;
 
-const std::string hex(64, '7'), salt(32, 'A');
+const std::string hex(64, '7'), salt = "0123456789abcdefABCDEF9876543210";
 const std::string password = "tarnglider-pw1 " + salt + " 65536 3 " + hex;
 const std::string relays =
     "tarnglider-relays-v1\ntarnglider-relay://a.example:1#key\ntarnglider-relay://b:2#key\n";
@@ -36,7 +36,7 @@ std::string load(const std::wstring &name) {
     std::string out;
     try {
         if (name == L"identity") {
-            bool created = false;
+            bool created = true;
             const tarn_keypair pair = load_or_create_identity(&created);
             out = created ? "new" : "secret " + std::to_string(pair.secret[31]);
         } else if (name == L"pairing_password") {
@@ -96,23 +96,20 @@ const item items[] = {
          {"", hex.substr(1), "g" + hex.substr(1), hex.substr(1) + '\0'}),
     make(L"authorized_clients", false, clients,
          "1|0|0|machine authorized clients unreadable|0 & authorized_clients is malformed: no paired devices "
-         "loaded|"
-         "machine authorized clients malformed",
+         "loaded|machine authorized clients malformed",
          {"", "tarnglider-clients-v2\n", clients + "x\n", std::string(1048575, 'x')}),
     make(L"pairing_password", true, password,
          password + "|| & pairing_password is unreadable: password pairing is off|machine pairing password "
-                    "unreadable||"
-                    "machine pairing password malformed",
+                    "unreadable||machine pairing password malformed",
          password_lines(
              "|T|tarnglider-pw2 S 8 3 K|xT S 8 3 K|T S 8 3 K@|T S 8 3 K x|T S 8 3 K0|T S 8 3 gK|T S 8 3|"
              "T SS 8 3 K|T S0 8 3 K|T gS 8 3 K|T S 8 K|T S 7 3 K|T S 1048577 3 K|T S 8 0 K|T S 8 17 K|"
              "T S +8 3 K|T S 8x 3 K|T S 0x10 3 K|T S -4294901760 3 K|T S 4294967304 3 K|T S 8 3 K K|T S 8 3 "
-             "KK|"
+             "KK|T 0123456789abcdefABCDEF987654321G 8 3 K|T 0123456789abcdefABCDEF987654321g 8 3 K|"
              "T S 18446744073709551624 3 K|T K 8 3 S|T S 8 3 S|T 0 8 3 K")),
     make(L"relays", true, relays,
          "2|1|0 & relays is unreadable (another user's or damaged): no relay servers|machine relays "
-         "unreadable|"
-         "0 & relays is malformed: no relay servers|machine relays malformed",
+         "unreadable|0 & relays is malformed: no relay servers|machine relays malformed",
          {"", "x", relays + "x\n"}),
 };
 
@@ -141,6 +138,7 @@ TEST(items, missing_unreadable_malformed) {
                           : by == "s foreign" ? s.foreign(plain)
                                               : by.substr(2);
             }
+            s.put(L"identity.bad", "older");
             s.put(of.name, content, list ? by.c_str() + 2 : private_list);
             s.m.fail(fails ? call : "", error, 1, count);
             EXPECT_EQ(load(of.name), expected) << by;
@@ -208,6 +206,7 @@ TEST(items, every_failing_call_of_a_save) {
             EXPECT_TRUE(text.size() <= row.text.size() || read_protected(s.path(row.name), text) == 1);
             // Without a profile it is the store in the current directory.
             EXPECT_TRUE(text == (done ? row.text : "old") || failed == "SHGetKnownFolderPath") << failed;
+            EXPECT_FALSE(done && failed == "FlushFileBuffers");
             EXPECT_EQ(s.health().find(done || !s.machine ? "healthy" : fault), 0u) << failed;
             EXPECT_EQ(log_lines, done || row.line.empty() ? lines() : lines{row.line}) << failed;
             EXPECT_EQ(s.entries().find("tmp"), std::string::npos) << failed;
@@ -238,6 +237,9 @@ TEST(items, identity) {
         store_machine s(machine);
         s.put(L"identity", s.sealed(hex + "7"));
         EXPECT_EQ(load(L"identity"), machine ? bad_identity : items[0].loaded);
+        s.put(L"identity", s.sealed(hex));
+        state().failure = "machine store already failed"; // by now
+        EXPECT_EQ(load(L"identity"), machine ? state().failure : items[0].loaded);
     }
 }
 
@@ -249,6 +251,7 @@ TEST(items, limits) {
     host[63] = host[127] = host[191] = '.';
     for (uint8_t i = 1; i <= TARN_LIST_MAX; i++) {
         tarn_client_list_add(&list, std::vector<uint8_t>(32, i).data(), std::string(63, 'n').c_str());
+        list.entries[i - 1].added = UINT64_MAX;
         tarn_relay_server server{};
         const uint16_t port = static_cast<uint16_t>(65528 + i % 8);
         tarn_relay_server_set(&server, host.c_str(), port, std::vector<uint8_t>(128, 0xFF).data(), 128);
@@ -284,6 +287,8 @@ TEST(items, wiping) {
             store_machine s(machine);
             s.put(of.name, s.sealed(of.good));
             EXPECT_EQ(times(of.good, [&] { load(of.name); }), row.clean) << of.good;
+            EXPECT_TRUE(row.of != 2 || // a text was moved to the caller: a short one stays, and is wiped
+                        times(std::string(15, '\0'), [&] { load(of.name); }) == 1);
             s.put(of.name, s.sealed(of.good + "\nx"));
             EXPECT_EQ(times(of.good, [&] { load(of.name); }), row.damaged[machine]) << of.good;
         }

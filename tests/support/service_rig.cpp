@@ -1,51 +1,24 @@
-// The scripted worker and the stand-ins of service_rig.h.
+// The scripted worker of service_rig.h.
 #include "service_rig.h"
 
-#include <cstdarg>
-#include <cstdio>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "handles.h"
 #include "ipc_transport.h"
-#include "log.h"
-#include "sas.h"
 #include "supervisor.h"
 
 using namespace host_service;
 
 namespace {
 
-service_rig *rig = nullptr;
-std::vector<std::pair<uint64_t, std::string>> log_lines;
-
 std::wstring between(const std::wstring &text, const std::wstring &before, const std::wstring &after) {
     size_t from = text.find(before) + before.size();
     return text.substr(from, text.find(after, from) - from);
 }
 
-} // namespace
-
-namespace host_service {
-
-void hlog(const char *format, ...) {
-    char line[256];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(line, sizeof line, format, arguments);
-    va_end(arguments);
-    log_lines.emplace_back(GetTickCount64(), line);
-}
-
-bool dispatch_sas(HANDLE worker_process, DWORD session) {
-    EXPECT_EQ(rig->machine.session_of(GetProcessId(worker_process)), session);
-    rig->sas_count++;
-    return rig->sas_allowed;
-}
-
-} // namespace host_service
-
+// Directories down to the program directory, the service, the worker and its libraries, all as an installer leaves them.
 void install_programs(winsim::machine &machine) {
     const char *by_installer = "O:BAG:BAD:P(A;;FA;;;SY)(A;;FA;;;BA)(A;;0x1200a9;;;BU)";
     machine.make_directory(L"C:\\Program Files", by_installer);
@@ -56,9 +29,12 @@ void install_programs(winsim::machine &machine) {
     }
 }
 
+} // namespace
+
+service_rig *service_rig::current = nullptr;
+
 service_rig::service_rig(uint64_t seed) : machine(seed) {
-    rig = this;
-    log_lines.clear();
+    current = this;
     install_programs(machine);
     machine.install_program(program_path(L"TarnGliderHostWorker.exe"),
                             [this](const std::wstring &command_line) { return run_worker(command_line); });
@@ -66,7 +42,7 @@ service_rig::service_rig(uint64_t seed) : machine(seed) {
     admin = machine.make_process(winsim::admin_token(), L"C:\\Windows\\tarnctl.exe");
 }
 
-service_rig::~service_rig() { rig = nullptr; }
+service_rig::~service_rig() { current = nullptr; }
 
 void service_rig::start() {
     started_ms_ = machine.now_ms();
@@ -138,7 +114,7 @@ void service_rig::ask_later(Verb verb, std::vector<uint8_t> payload, Response *a
 
 std::vector<std::string> service_rig::lines() const {
     std::vector<std::string> all;
-    for (const auto &[at, line] : log_lines) {
+    for (const auto &[at, line] : log) {
         all.push_back(line);
     }
     return all;
@@ -146,7 +122,7 @@ std::vector<std::string> service_rig::lines() const {
 
 std::vector<uint64_t> service_rig::times(const std::string &line) const {
     std::vector<uint64_t> all;
-    for (const auto &[at, text] : log_lines) {
+    for (const auto &[at, text] : log) {
         if (text == line) {
             all.push_back(at - started_ms_);
         }
@@ -157,6 +133,9 @@ std::vector<uint64_t> service_rig::times(const std::string &line) const {
 // The worker's side of its contract, bent as the plan says.
 DWORD service_rig::run_worker(const std::wstring &command_line) {
     const worker_plan mine = plan;
+    if (mine.prologue) {
+        mine.prologue();
+    }
     const uint64_t born = GetTickCount64();
     DWORD session = 0;
     {

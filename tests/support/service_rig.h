@@ -1,6 +1,6 @@
 // A simulated machine with the service's files on it, supervise() running in a service process, and a worker program
-// that does what its plan says. hlog and dispatch_sas are stand-ins here: lines are kept with their time, the secure
-// attention sequence is counted.
+// that does what its plan says. With service_stand_ins.cpp hlog and dispatch_sas are stand-ins: lines are kept with
+// their time, the secure attention sequence is counted.
 #ifndef SERVICE_RIG_H
 #define SERVICE_RIG_H
 
@@ -18,11 +18,9 @@ inline std::wstring program_path(const std::wstring &name) {
     return std::wstring(program_dir) + L"\\" + name;
 }
 
-// Directories down to the program directory, the service, the worker and its libraries, all as an installer leaves them.
-void install_programs(winsim::machine &machine);
-
 // What the worker does, in ms from its start. It sends worker_ack at first_ack_ms and then every ack_every_ms.
 struct worker_plan {
+    std::function<void()> prologue;
     uint64_t connect_at = 0; // its channel
     uint64_t events_at = 0;  // its events channel
     uint64_t first_ack_ms = 0;
@@ -70,8 +68,10 @@ public:
     std::vector<std::string> lines() const;                     // the log
     std::vector<uint64_t> times(const std::string &line) const; // ms since start() of each such line
 
+    static service_rig *current;
     winsim::machine machine;
-    worker_plan plan; // of every worker that starts from now on
+    std::vector<std::pair<uint64_t, std::string>> log; // ticks and lines
+    worker_plan plan;                                  // of every worker that starts from now on
     std::vector<launch> launches;
     std::vector<host_service::Request> heard; // on the worker channel, by any worker
     std::vector<host_service::Response> event_replies;

@@ -36,11 +36,7 @@ void run_hook(calls_made &all, const char *call) {
     if (!all.hook || all.hook_process != acting().id || !all.in_hook.insert(thread_id()).second) {
         return;
     }
-    struct leaving {
-        ~leaving() { in_hook.erase(id); }
-        std::set<DWORD> &in_hook;
-        DWORD id;
-    } const mark{all.in_hook, thread_id()};
+    const std::shared_ptr<void> leaving(nullptr, [&all](void *) { all.in_hook.erase(thread_id()); });
     const auto hook = all.hook; // it may end itself
     hook(call);
 }

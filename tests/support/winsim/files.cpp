@@ -1,12 +1,29 @@
-// The file system: names, and the files behind them.
+// The file system: one map from folded path to node, so a directory's children are the keys that begin with its own. A
+// junction is a directory with the reparse attribute whose children live below it; a link is a file that stands for
+// another. A handle open on a file keeps its node, also when its name has gone. A directory search sees the entries
+// that were there when it began.
 #include <algorithm>
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 
-#include "winsim/files.h"
 #include "winsim/security_model.h"
 
 namespace winsim {
+namespace {
+
+struct open_file_object;
+
+struct node {
+    std::wstring path; // as it was written when it was made
+    DWORD attributes = FILE_ATTRIBUTE_NORMAL;
+    std::string sddl;
+    std::string bytes = {};
+    std::wstring target = {}; // of a link
+    std::vector<std::weak_ptr<open_file_object>> opened = {};
+
+    bool is_directory() const { return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
+};
 
 struct open_file_object : stream {
     std::shared_ptr<node> of;
@@ -45,8 +62,6 @@ struct open_file_object : stream {
     }
 };
 
-namespace {
-
 constexpr char public_list[] = "O:SYG:SYD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
 
 // What a fresh Windows has of the directories that the calls name.
@@ -75,32 +90,12 @@ struct files {
 
 std::map<std::wstring, std::shared_ptr<node>> &nodes() { return part<files>().nodes; }
 
-} // namespace
-
-std::wstring full_path(std::wstring path) {
-    std::replace(path.begin(), path.end(), L'/', L'\\');
-    if (path.starts_with(L"\\\\")) {
-        return {};
-    }
-    std::vector<std::wstring> parts(1);
-    if (path.size() < 2 || path[1] != L':') {
-        parts.insert(parts.begin(), L"C:");
-    }
-    for (wchar_t c : path + L"\\") {
-        if (c != L'\\') {
-            parts.back() += c;
-        } else if (parts.back() == L"..") {
-            parts.resize(std::max<size_t>(parts.size() - 2, 1));
-            parts.emplace_back();
-        } else if (parts.back() == L".") {
-            parts.back().clear();
-        } else if (!parts.back().empty()) {
-            parts.emplace_back();
-        }
-    }
-    std::wstring full = parts[0];
-    for (size_t i = 1; i + 1 < parts.size(); i++) {
-        full += L"\\" + parts[i];
+// "C:\\a\\b" without a last backslash; a relative path lies on the drive's root.
+std::wstring full_path(const std::wstring &path) {
+    std::wistringstream parts(path);
+    std::wstring full = path.substr(1, 1) == L":" ? L"" : L"C:";
+    for (std::wstring one; std::getline(parts, one, L'\\');) {
+        full += one.empty() || one == L"." ? L"" : (full.empty() ? L"" : L"\\") + one;
     }
     return full;
 }
@@ -118,13 +113,12 @@ std::shared_ptr<node> parent_of(const std::wstring &full) {
     return parent && parent->is_directory() ? parent : nullptr;
 }
 
+// The node, or null and the error that tells a missing name from a missing directory above it.
 std::shared_ptr<node> look_up(const std::wstring &path) {
     const std::wstring full = full_path(path);
     std::shared_ptr<node> found = at(full);
     if (!found) {
-        SetLastError(full.empty()      ? ERROR_BAD_NETPATH
-                     : parent_of(full) ? ERROR_FILE_NOT_FOUND
-                                       : ERROR_PATH_NOT_FOUND);
+        SetLastError(parent_of(full) ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND);
     }
     return found;
 }
@@ -133,6 +127,7 @@ bool may(const std::shared_ptr<node> &what, DWORD rights) {
     return access_allowed(*acting().who, what->sddl, rights);
 }
 
+// All below a directory, by path; only its own entries if deep is false.
 std::vector<std::shared_ptr<node>> below(const std::wstring &full, bool deep) {
     std::vector<std::shared_ptr<node>> found;
     const std::wstring start = fold(full) + L"\\";
@@ -143,8 +138,6 @@ std::vector<std::shared_ptr<node>> below(const std::wstring &full, bool deep) {
     }
     return found;
 }
-
-namespace {
 
 bool may_delete(const std::shared_ptr<node> &what) {
     std::shared_ptr<node> parent = parent_of(what->path);
@@ -174,8 +167,7 @@ std::shared_ptr<node> create(const std::wstring &full, DWORD attributes,
     const bool directory = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     std::shared_ptr<node> parent = parent_of(full);
     if (!may(parent, directory ? FILE_ADD_SUBDIRECTORY : FILE_ADD_FILE)) {
-        refuse(ERROR_ACCESS_DENIED);
-        return nullptr;
+        return refuse(ERROR_ACCESS_DENIED), nullptr;
     }
     std::string sddl = inherited_descriptor(parent->sddl, who, directory);
     if (security != nullptr && security->lpSecurityDescriptor != nullptr) {
@@ -184,19 +176,15 @@ std::shared_ptr<node> create(const std::wstring &full, DWORD attributes,
         const std::string owner = parse_sddl(sddl)->owner;
         sddl = owner.empty() ? inherited_owner + sddl : sddl;
         if (!owner.empty() && !holds_sid(who, owner)) {
-            refuse(ERROR_INVALID_OWNER);
-            return nullptr;
+            return refuse(ERROR_INVALID_OWNER), nullptr;
         }
     }
     return nodes()[fold(full)] = std::make_shared<node>(node{full, attributes, sddl});
 }
 
 BOOL delete_node(const std::shared_ptr<node> &what) {
-    if (!may_delete(what)) {
-        return refuse(ERROR_ACCESS_DENIED);
-    }
-    if (in_the_way(what, DELETE, share_all)) {
-        return refuse(ERROR_SHARING_VIOLATION);
+    if (!may_delete(what) || in_the_way(what, DELETE, share_all)) {
+        return refuse(may_delete(what) ? ERROR_SHARING_VIOLATION : ERROR_ACCESS_DENIED);
     }
     nodes().erase(fold(what->path));
     return TRUE;
@@ -217,6 +205,28 @@ void plant(const std::wstring &path, DWORD attributes, const std::string &sddl, 
     nodes()[fold(full)] = std::make_shared<node>(node{full, attributes, sddl, bytes, target});
 }
 
+struct search : own_closer {
+    std::wstring directory;
+    std::vector<WIN32_FIND_DATAW> left; // the next one is the last
+
+    std::string describe() const override { return "search of " + narrow(directory); }
+};
+
+void add_entry(search &into, const std::wstring &name, const node &of) {
+    WIN32_FIND_DATAW entry{of.attributes, 0, static_cast<DWORD>(of.bytes.size()), {}};
+    name.copy(entry.cFileName, MAX_PATH - 1);
+    into.left.push_back(entry);
+}
+
+BOOL next_entry(search &of, WIN32_FIND_DATAW *out) {
+    if (of.left.empty()) {
+        return refuse(ERROR_NO_MORE_FILES);
+    }
+    *out = of.left.back();
+    of.left.pop_back();
+    return TRUE;
+}
+
 } // namespace
 
 HANDLE open_file(const std::wstring &path, DWORD access, DWORD share, SECURITY_ATTRIBUTES *security,
@@ -225,24 +235,19 @@ HANDLE open_file(const std::wstring &path, DWORD access, DWORD share, SECURITY_A
     if (found && !found->target.empty() && (flags & FILE_FLAG_OPEN_REPARSE_POINT) == 0) {
         return open_file(found->target, access, share, security, disposition, flags);
     }
-    const bool existed = found != nullptr;
-    const bool makes = disposition != OPEN_EXISTING && disposition != TRUNCATE_EXISTING;
-    if (!existed) {
-        if (!makes || GetLastError() != ERROR_FILE_NOT_FOUND ||
+    if (!found) {
+        if (disposition == OPEN_EXISTING || GetLastError() != ERROR_FILE_NOT_FOUND ||
             !(found = create(full_path(path), FILE_ATTRIBUTE_NORMAL, security))) {
             return INVALID_HANDLE_VALUE;
         }
     } else if (disposition == CREATE_NEW) {
-        refuse(ERROR_FILE_EXISTS);
-        return INVALID_HANDLE_VALUE;
+        return refuse(ERROR_FILE_EXISTS), INVALID_HANDLE_VALUE;
     } else if (found->is_directory() || !may(found, access)) {
-        refuse(ERROR_ACCESS_DENIED);
-        return INVALID_HANDLE_VALUE;
+        return refuse(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
     } else if (in_the_way(found, map_generic(access), share)) {
-        refuse(ERROR_SHARING_VIOLATION);
-        return INVALID_HANDLE_VALUE;
+        return refuse(ERROR_SHARING_VIOLATION), INVALID_HANDLE_VALUE;
     }
-    if (disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING) {
+    if (disposition == CREATE_ALWAYS) {
         found->bytes.clear();
     }
     auto made = std::make_shared<open_file_object>();
@@ -250,7 +255,6 @@ HANDLE open_file(const std::wstring &path, DWORD access, DWORD share, SECURITY_A
     made->access = map_generic(access);
     made->share = share;
     found->opened.push_back(made);
-    SetLastError(existed && makes ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
     return make_handle(made, made->access);
 }
 
@@ -305,25 +309,20 @@ std::vector<std::wstring> machine::tree(const std::wstring &path) const {
 using namespace winsim;
 
 DWORD GetFileAttributesW(const wchar_t *path) {
-    std::shared_ptr<node> found = failing("GetFileAttributesW") ? nullptr : look_up(path);
+    std::shared_ptr<node> found = failing(__func__) ? nullptr : look_up(path);
     return found ? found->attributes : INVALID_FILE_ATTRIBUTES;
 }
 
 BOOL CreateDirectoryW(const wchar_t *path, SECURITY_ATTRIBUTES *security) {
-    if (failing("CreateDirectoryW")) {
-        return FALSE;
-    }
-    if (look_up(path)) {
-        return refuse(ERROR_ALREADY_EXISTS);
-    }
-    if (GetLastError() != ERROR_FILE_NOT_FOUND) {
-        return FALSE;
+    BEGIN_CALL(FALSE);
+    if (look_up(path) || GetLastError() != ERROR_FILE_NOT_FOUND) {
+        return look_up(path) ? refuse(ERROR_ALREADY_EXISTS) : FALSE;
     }
     return create(full_path(path), FILE_ATTRIBUTE_DIRECTORY, security) != nullptr;
 }
 
 BOOL MoveFileExW(const wchar_t *from, const wchar_t *to, DWORD flags) {
-    std::shared_ptr<node> moved = failing("MoveFileExW") ? nullptr : look_up(from);
+    std::shared_ptr<node> moved = failing(__func__) ? nullptr : look_up(from);
     if (!moved) {
         return FALSE;
     }
@@ -350,15 +349,12 @@ BOOL MoveFileExW(const wchar_t *from, const wchar_t *to, DWORD flags) {
 }
 
 BOOL DeleteFileW(const wchar_t *path) {
-    std::shared_ptr<node> found = failing("DeleteFileW") ? nullptr : look_up(path);
-    if (!found) {
-        return FALSE;
-    }
-    return found->is_directory() ? refuse(ERROR_ACCESS_DENIED) : delete_node(found);
+    std::shared_ptr<node> found = failing(__func__) ? nullptr : look_up(path);
+    return !found ? FALSE : found->is_directory() ? refuse(ERROR_ACCESS_DENIED) : delete_node(found);
 }
 
 BOOL RemoveDirectoryW(const wchar_t *path) {
-    std::shared_ptr<node> found = failing("RemoveDirectoryW") ? nullptr : look_up(path);
+    std::shared_ptr<node> found = failing(__func__) ? nullptr : look_up(path);
     if (!found) {
         return FALSE;
     }
@@ -367,3 +363,37 @@ BOOL RemoveDirectoryW(const wchar_t *path) {
     }
     return delete_node(found);
 }
+
+HANDLE FindFirstFileW(const wchar_t *pattern, WIN32_FIND_DATAW *out) {
+    BEGIN_CALL(INVALID_HANDLE_VALUE);
+    const std::wstring full = full_path(pattern);
+    std::shared_ptr<node> directory = parent_of(full);
+    if (!directory || !may(directory, FILE_LIST_DIRECTORY)) {
+        return refuse(directory ? ERROR_ACCESS_DENIED : ERROR_PATH_NOT_FOUND), INVALID_HANDLE_VALUE;
+    }
+    auto found = std::make_shared<search>();
+    found->directory = directory->path;
+    if (name_of(full) == L"*" && parent_of(directory->path)) {
+        add_entry(*found, L".", *directory);
+        add_entry(*found, L"..", *directory);
+    }
+    for (const std::shared_ptr<node> &child : below(directory->path, false)) {
+        if (fold(child->path)
+                .ends_with(fold(name_of(full).substr(1)))) { // what follows the pattern's asterisk
+            add_entry(*found, name_of(child->path), *child);
+        }
+    }
+    if (found->left.empty()) {
+        return refuse(ERROR_FILE_NOT_FOUND), INVALID_HANDLE_VALUE;
+    }
+    std::reverse(found->left.begin(), found->left.end());
+    next_entry(*found, out);
+    return make_handle(found);
+}
+
+BOOL FindNextFileW(HANDLE handle, WIN32_FIND_DATAW *out) {
+    const auto found = asked<search>(__func__, handle);
+    return found && next_entry(*found, out);
+}
+
+BOOL FindClose(HANDLE handle) { return close_own<search>(__func__, handle); }

@@ -12,6 +12,7 @@
 
 #include <pthread.h>
 #include <semaphore.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -47,8 +48,8 @@ struct thread {
 
 } // namespace
 
-struct kernel {
-    explicit kernel(uint64_t s) : seed(s), random(s) {}
+struct machine::state {
+    explicit state(uint64_t s) : seed(s), random(s) {}
 
     uint64_t seed;
     std::mt19937_64 random;
@@ -62,13 +63,9 @@ struct kernel {
     std::map<std::type_index, std::shared_ptr<void>> parts;
 };
 
-struct machine::state : kernel {
-    using kernel::kernel;
-};
-
 namespace {
 
-kernel *the = nullptr;
+machine::state *the = nullptr;
 thread_local thread *self = nullptr;
 DWORD error_without_machine = 0;
 std::terminate_handler terminate_before = nullptr;
@@ -179,14 +176,12 @@ void end_thread() {
 
 // The exception of a leaving thread met something that it can't pass. The thread stays, as its stack does.
 void on_terminate() {
-    if (!the || !self || !is_leaving(*self)) {
+    if (!self || !is_leaving(*self)) {
         terminate_before();
     }
-    static sem_t never;
-    static const int made = sem_init(&never, 0, 0);
     end_thread();
     for (;;) {
-        made ? std::abort() : static_cast<void>(sem_wait(&never));
+        pause();
     }
 }
 
@@ -228,10 +223,10 @@ void maybe_switch() {
     }
 }
 
-bool in_machine() { return the && self; }
+bool in_machine() { return self; }
 
 BOOL refuse(DWORD error) {
-    (the && self ? self->error : error_without_machine) = error;
+    SetLastError(error);
     return FALSE;
 }
 
@@ -342,24 +337,19 @@ using namespace winsim;
 
 extern "C" {
 
-DWORD GetLastError() { return the && self ? self->error : error_without_machine; }
-void SetLastError(DWORD error) { refuse(error); }
+DWORD GetLastError() { return self ? self->error : error_without_machine; }
+void SetLastError(DWORD error) { (self ? self->error : error_without_machine) = error; }
 
 ULONGLONG GetTickCount64() {
-    enter("GetTickCount64");
+    enter(__func__);
     return the ? the->now : 0;
 }
 
 void Sleep(DWORD ms) {
-    enter("Sleep");
+    enter(__func__);
     if (the) {
         wait_until([] { return false; }, deadline_after(ms), "Sleep");
     }
-}
-
-DWORD GetCurrentThreadId() {
-    enter("GetCurrentThreadId");
-    return the ? thread_id() : 0;
 }
 
 // The names are the linker's: -Wl,--wrap.
@@ -370,7 +360,7 @@ void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_
     std::thread *made, std::unique_ptr<std::thread::_State> body, void (*depends)());
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
-    if (!the || !self) {
+    if (!self) {
         return __real_pthread_mutex_lock(mutex);
     }
     maybe_switch();
@@ -387,7 +377,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
 
 int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex) {
     const int given = __real_pthread_mutex_unlock(mutex);
-    if (the && self) {
+    if (self) {
         maybe_switch();
     }
     return given;
@@ -395,25 +385,27 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex) {
 
 void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
     std::thread *made, std::unique_ptr<std::thread::_State> body, void (*depends)()) {
-    if (the && self) {
-        auto record = std::make_shared<thread>();
+    std::shared_ptr<thread> record;
+    const bool first =
+        self && the->next_home; // of a process: the call that starts one notes it before it runs
+    if (self) {
+        record = std::make_shared<thread>();
         record->id = the->next_thread++;
-        record->home = the->next_home ? std::move(the->next_home) : self->home;
+        record->home = first ? std::move(the->next_home) : self->home;
         the->next_home = nullptr;
         the->threads.push_back(record);
         body = std::make_unique<machine_thread>(std::move(body), record);
-        __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-            made, std::move(body), depends);
+    }
+    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+        made, std::move(body), depends);
+    if (self) {
         record->native = made->native_handle();
-        maybe_switch();
-    } else {
-        __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-            made, std::move(body), depends);
+        first ? void() : maybe_switch();
     }
 }
 
 void __wrap__ZNSt6thread4joinEv(std::thread *joined) {
-    if (the && self) {
+    if (self) {
         // The newest: the system may use a handle again once its thread was joined.
         const pthread_t native = joined->native_handle();
         const auto found =

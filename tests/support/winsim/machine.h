@@ -106,7 +106,6 @@ public:
     bool running(DWORD id) const;
     DWORD exit_code(DWORD id) const;
     DWORD session_of(DWORD id) const;
-    std::wstring command_line_of(DWORD id) const;
     launch_facts launch_of(DWORD id) const;
     std::vector<DWORD> processes_of(const std::wstring &image) const; // running ones
     void set_token(DWORD id, const token_facts &who);
@@ -138,10 +137,9 @@ public:
     // -- files; paths as "C:\\dir\\file", found without regard to case
     void make_directory(const std::wstring &path, const std::string &sddl); // parents must exist; "C:\\" does
     void make_file(const std::wstring &path, const std::string &sddl, const std::string &bytes = "");
-    void make_junction(const std::wstring &path,
-                       const std::string &sddl); // a directory with the reparse attribute
-    void make_link(const std::wstring &path, const std::string &sddl,
-                   const std::wstring &target);                             // to a file
+    // A directory with the reparse attribute, and a link to a file.
+    void make_junction(const std::wstring &path, const std::string &sddl);
+    void make_link(const std::wstring &path, const std::string &sddl, const std::wstring &target);
     void set_descriptor(const std::wstring &path, const std::string &sddl); // "" takes the descriptor away
     std::string descriptor(const std::wstring &path) const;
     bool exists(const std::wstring &path) const;
@@ -152,31 +150,28 @@ public:
     // -- registry; keys as L"HKLM\\SOFTWARE\\..." or L"HKCU\\...", the acting process's user's
     void set_registry(const std::wstring &key, const std::wstring &name, DWORD value);
     void set_registry(const std::wstring &key, const std::wstring &name, const std::wstring &text);
-    bool in_registry(const std::wstring &key, const std::wstring &name) const;
-    std::wstring registry_text(const std::wstring &key,
-                               const std::wstring &name) const; // with its L'\0' if it was set so
+    std::wstring registry_text(const std::wstring &key, const std::wstring &name) const; // with its end
 
     // -- services
     service_facts &service(const std::wstring &name); // to look at and to change; registered if it wasn't
     bool service_exists(const std::wstring &name) const;
-    void control_service(const std::wstring &name, DWORD control,
-                         DWORD event = 0); // by the system, to its handler
+    void control_service(const std::wstring &name, DWORD control); // by the system, to its handler
 
     // -- the system. Local time is 2026-01-02 00:00:00.000 plus now_ms(). A machine's data protection refuses what
     // another one sealed.
-    void set_computer_name(const std::wstring &dns,
-                           const std::wstring &netbios); // empty: that call gives nothing
+    void set_computer_name(const std::wstring &dns, const std::wstring &netbios); // empty: none
     void set_adapters(const std::vector<adapter> &all);
-    void install_library(const std::wstring &path,
-                         const std::map<std::string, FARPROC> &functions); // and its file
+    void install_library(const std::wstring &path, const std::map<std::string, FARPROC> &functions);
     DWORD dll_directories() const;                 // what SetDefaultDllDirectories was given, 0 before
     std::vector<shell_start> shell_starts() const; // a file without an installed program gives no process
+
     // Runs when memory with a secret passes through a call: "CryptProtectData" its input, "CryptUnprotectData" its
     // output. A test can then watch that memory until it is wiped.
     void on_secret(std::function<void(const std::string &call, const void *bytes, size_t size)> hook);
 
+    struct state; // of its threads and its time; private to kernel.cpp
+
 private:
-    struct state;
     std::unique_ptr<state> state_;
 };
 

@@ -1,8 +1,7 @@
-// Handles, events, waits, the calls that files and pipes share, and the memory that the system hands out, with the breaches that are seen there.
+// Handles, events, waits, the calls that files and pipes share, and the memory that the system hands out.
 #include "winsim/sim.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 namespace winsim {
 
@@ -16,20 +15,11 @@ struct handle_values {
 struct block {
     DWORD process;
     const char *kind;
+    std::unique_ptr<uint64_t[]> bytes;
 };
 
-// Freed with the machine at the latest: what a test sees of a lost block is open_handles.
 struct memory {
     std::map<void *, block> blocks;
-
-    memory() = default;
-    memory(const memory &) = delete;
-    memory &operator=(const memory &) = delete;
-    ~memory() {
-        for (const auto &one : blocks) {
-            std::free(one.first);
-        }
-    }
 };
 
 std::string number(HANDLE handle) { return std::to_string(reinterpret_cast<uintptr_t>(handle)); }
@@ -58,30 +48,23 @@ DWORD wait_for(DWORD count, const HANDLE *handles, uint64_t deadline) {
             return WAIT_FAILED;
         }
         if (!(access_of(handles[i]) & SYNCHRONIZE)) {
-            refuse(ERROR_ACCESS_DENIED);
-            return WAIT_FAILED;
+            return refuse(ERROR_ACCESS_DENIED), WAIT_FAILED;
         }
     }
-    // Left also by the exception of a thread whose process ends.
-    struct waiting {
-        explicit waiting(std::vector<std::shared_ptr<object>> &o) : on(o) { count(1); }
-        ~waiting() { count(-1); }
-        waiting(const waiting &) = delete;
-        waiting &operator=(const waiting &) = delete;
-        void count(int by) {
-            for (const auto &one : on) {
-                one->waits += by;
-            }
+    const auto count_waits = [&objects](int by) {
+        for (const auto &one : objects) {
+            one->waits += by;
         }
-        std::vector<std::shared_ptr<object>> &on;
-    } mark(objects);
+    };
+    count_waits(1);
+    const std::shared_ptr<void> until_left(nullptr, [&](void *) { count_waits(-1); }); // by an exception, too
 
     const auto first = [&objects] {
         return std::find_if(objects.begin(), objects.end(), [](const auto &one) { return one->signalled(); });
     };
-    std::string why = count == 1 ? objects[0]->describe() : "any of";
-    for (DWORD i = 0; count > 1 && i < count; i++) {
-        why += " " + objects[i]->describe();
+    std::string why;
+    for (const auto &one : objects) {
+        why += one->describe() + " ";
     }
     if (!wait_until([&] { return first() != objects.end(); }, deadline, why.c_str())) {
         return WAIT_TIMEOUT;
@@ -170,8 +153,9 @@ std::vector<std::string> machine::open_handles(DWORD id) const {
 // -- memory
 
 void *make_block(size_t size, const char *kind) {
-    void *made = std::calloc(1, size ? size : 1);
-    part<memory>().blocks[made] = {acting().id, kind};
+    auto bytes = std::make_unique<uint64_t[]>(size / sizeof(uint64_t) + 1);
+    void *made = bytes.get();
+    part<memory>().blocks[made] = {acting().id, kind, std::move(bytes)};
     return made;
 }
 
@@ -179,14 +163,10 @@ bool free_block(void *freed, const char *kind) {
     auto &blocks = part<memory>().blocks;
     const auto found = blocks.find(freed);
     if (found == blocks.end() || found->second.kind != std::string(kind)) {
-        if (freed) {
-            breach(std::string("frees ") + (found == blocks.end() ? "what is no " : "something else as ") +
-                   kind);
-        }
+        freed ? breach(std::string("frees what is no ") + kind) : void();
         return !freed;
     }
     blocks.erase(found);
-    std::free(freed);
     return true;
 }
 
@@ -196,12 +176,8 @@ std::string narrow(const std::wstring &text) {
     std::string out;
     for (const wchar_t unit : text) {
         const auto c = static_cast<uint32_t>(unit);
-        if (c < 0x80) {
-            out += static_cast<char>(c);
-            continue;
-        }
-        const int more = c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
-        out += static_cast<char>((0xFF00u >> (more + 1) & 0xFF) | c >> 6 * more);
+        const int more = c < 0x80 ? 0 : c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
+        out += static_cast<char>(more == 0 ? c : (0xFF00u >> (more + 1) & 0xFF) | c >> 6 * more);
         for (int i = more - 1; i >= 0; i--) {
             out += static_cast<char>(0x80 | (c >> 6 * i & 0x3F));
         }
@@ -222,15 +198,13 @@ using namespace winsim;
 
 extern "C" {
 
-HLOCAL LocalAlloc(UINT, SIZE_T size) { return failing("LocalAlloc") ? nullptr : sim_local_alloc(size); }
-
 HLOCAL LocalFree(HLOCAL freed) {
-    enter("LocalFree");
+    enter(__func__);
     return machine_exists() && free_block(freed, "local memory") ? nullptr : freed;
 }
 
 BOOL CloseHandle(HANDLE handle) {
-    enter("CloseHandle");
+    enter(__func__);
     if (!machine_exists() || acting().ended) {
         return refuse(ERROR_INVALID_HANDLE);
     }
@@ -250,14 +224,8 @@ BOOL CloseHandle(HANDLE handle) {
     return TRUE;
 }
 
-HANDLE CreateEventW(SECURITY_ATTRIBUTES *, BOOL manual_reset, BOOL initial_state, LPCWSTR name) {
-    if (failing("CreateEventW")) {
-        return nullptr;
-    }
-    if (name) { // other processes could take it first; nothing here names one
-        refuse(ERROR_NOT_SUPPORTED);
-        return nullptr;
-    }
+HANDLE CreateEventW(SECURITY_ATTRIBUTES *, BOOL manual_reset, BOOL initial_state, LPCWSTR) {
+    BEGIN_CALL(nullptr);
     const auto made = std::make_shared<event>();
     made->manual = manual_reset != FALSE;
     made->set = initial_state != FALSE;
@@ -265,19 +233,8 @@ HANDLE CreateEventW(SECURITY_ATTRIBUTES *, BOOL manual_reset, BOOL initial_state
 }
 
 BOOL SetEvent(HANDLE handle) {
-    if (failing("SetEvent")) {
-        return FALSE;
-    }
-    const auto found = find_as<event>(handle);
+    const auto found = asked<event>(__func__, handle);
     return found ? (found->set = true, TRUE) : FALSE;
-}
-
-BOOL ResetEvent(HANDLE handle) {
-    if (failing("ResetEvent")) {
-        return FALSE;
-    }
-    const auto found = find_as<event>(handle);
-    return found ? (found->set = false, TRUE) : FALSE;
 }
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD timeout_ms) {
@@ -285,50 +242,30 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD timeout_ms) {
 }
 
 DWORD WaitForMultipleObjects(DWORD count, const HANDLE *handles, BOOL all, DWORD timeout_ms) {
-    if (failing("WaitForMultipleObjects")) {
-        return WAIT_FAILED;
-    }
-    const std::vector<HANDLE> given(handles, handles + std::min(count, MAXIMUM_WAIT_OBJECTS + 1));
-    bool twice = false;
-    for (auto one = given.begin(); one != given.end(); ++one) {
-        twice = twice || std::find(given.begin(), one, *one) != one;
-    }
-    if (all || twice || count == 0 || count > MAXIMUM_WAIT_OBJECTS) { // waits for all are not modelled
-        refuse(ERROR_INVALID_PARAMETER);
-        return WAIT_FAILED;
+    BEGIN_CALL(WAIT_FAILED);
+    if (all) { // not modelled
+        return refuse(ERROR_INVALID_PARAMETER), WAIT_FAILED;
     }
     return wait_for(count, handles, deadline_after(timeout_ms));
 }
 
 BOOL ReadFile(HANDLE file, LPVOID bytes, DWORD size, DWORD *moved, OVERLAPPED *overlapped) {
-    if (failing("ReadFile")) {
-        return FALSE;
-    }
-    const auto found = find_as<stream>(file);
+    const auto found = asked<stream>(__func__, file);
     return found ? found->read(bytes, size, moved, overlapped) : FALSE;
 }
 
 BOOL WriteFile(HANDLE file, LPCVOID bytes, DWORD size, DWORD *moved, OVERLAPPED *overlapped) {
-    if (failing("WriteFile")) {
-        return FALSE;
-    }
-    const auto found = find_as<stream>(file);
+    const auto found = asked<stream>(__func__, file);
     return found ? found->write(bytes, size, moved, overlapped) : FALSE;
 }
 
 BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER *size) {
-    if (failing("GetFileSizeEx")) {
-        return FALSE;
-    }
-    const auto found = find_as<stream>(file);
+    const auto found = asked<stream>(__func__, file);
     return found ? found->size(size) : FALSE;
 }
 
 BOOL FlushFileBuffers(HANDLE file) {
-    if (failing("FlushFileBuffers")) {
-        return FALSE;
-    }
-    const auto found = find_as<stream>(file);
+    const auto found = asked<stream>(__func__, file);
     return found ? found->flush() : FALSE;
 }
 

@@ -26,7 +26,7 @@ struct instance {
 struct pipe_name {
     std::wstring name;
     std::string sddl;
-    DWORD max_instances = 0, access = 0, server_id = 0;
+    DWORD max_instances = 0, server_id = 0;
     size_t out_size = 0, in_size = 0;
     std::vector<std::shared_ptr<instance>> instances;
 };
@@ -38,8 +38,6 @@ struct pipe_world {
     size_t piece = SIZE_MAX;
 };
 
-size_t piece_of(size_t size) { return std::min(part<pipe_world>().piece, size); }
-
 struct pipe_end : stream {
     bool server = false;
     bool reads = true, writes = true;
@@ -50,45 +48,29 @@ struct pipe_end : stream {
     std::shared_ptr<connection> current() const { return server ? of->now : joined; }
 
     BOOL read(void *bytes, DWORD size, DWORD *moved, OVERLAPPED *overlapped) override {
-        const auto made = begin(operation::read, overlapped);
-        if (!made) {
-            return FALSE;
-        }
-        made->to = static_cast<uint8_t *>(bytes);
-        made->size = piece_of(size);
-        return run(made, moved);
+        return transfer_bytes(operation::read, static_cast<uint8_t *>(bytes), nullptr, size, moved,
+                              overlapped);
     }
 
     BOOL write(const void *bytes, DWORD size, DWORD *moved, OVERLAPPED *overlapped) override {
-        const auto made = begin(operation::write, overlapped);
-        if (!made) {
-            return FALSE;
-        }
-        made->from = static_cast<const uint8_t *>(bytes);
-        made->size = piece_of(size);
-        return run(made, moved);
+        return transfer_bytes(operation::write, nullptr, static_cast<const uint8_t *>(bytes), size, moved,
+                              overlapped);
     }
 
     // A transfer that nothing has moved for yet; null with the last error set if the call is wrong.
     std::shared_ptr<transfer> begin(operation what, OVERLAPPED *overlapped) {
-        if (!overlapped) {
-            breach("begins a transfer without OVERLAPPED on an overlapped pipe");
-            refuse(ERROR_INVALID_PARAMETER);
-            return nullptr;
-        }
-        const auto signals = find_as<event>(overlapped->hEvent);
+        const auto signals = overlapped ? find_as<event>(overlapped->hEvent) : nullptr;
         if (!signals) {
-            return nullptr;
+            breach("begins a transfer without an event");
+            return refuse(ERROR_INVALID_PARAMETER), nullptr;
+        }
+        if (what != operation::connect && !(what == operation::read ? reads : writes)) {
+            return refuse(ERROR_ACCESS_DENIED), nullptr;
         }
         auto &latest = part<pipe_world>().transfers[overlapped];
         if (latest && !latest->finished) {
             breach("begins a transfer with the OVERLAPPED of one in flight");
-            refuse(ERROR_INVALID_PARAMETER);
-            return nullptr;
-        }
-        if (what != operation::connect && !(what == operation::read ? reads : writes)) {
-            refuse(ERROR_ACCESS_DENIED);
-            return nullptr;
+            return refuse(ERROR_INVALID_PARAMETER), nullptr;
         }
         const auto made = std::make_shared<transfer>();
         made->what = what;
@@ -102,8 +84,16 @@ struct pipe_end : stream {
         return made;
     }
 
-    BOOL run(const std::shared_ptr<transfer> &made, DWORD *moved) {
-        const bool in = made->what == operation::read;
+    BOOL transfer_bytes(operation what, uint8_t *to, const uint8_t *from, DWORD size, DWORD *moved,
+                        OVERLAPPED *overlapped) {
+        const auto made = begin(what, overlapped);
+        if (!made) {
+            return FALSE;
+        }
+        made->to = to;
+        made->from = from;
+        made->size = std::min<size_t>(size, part<pipe_world>().piece);
+        const bool in = what == operation::read;
         const auto on = current();
         if (!on || on->cut) {
             return no_transfer(*made, on || !of->free() ? ERROR_PIPE_NOT_CONNECTED : ERROR_PIPE_LISTENING);
@@ -211,11 +201,6 @@ const std::shared_ptr<pipe_name> *find_pipe(const std::wstring &name) {
     return found == names.end() ? nullptr : &found->second;
 }
 
-HANDLE no_file(DWORD error) {
-    refuse(error);
-    return INVALID_HANDLE_VALUE;
-}
-
 HANDLE make_end(bool server, DWORD access, std::shared_ptr<instance> of, const std::wstring &name) {
     const auto end = std::make_shared<pipe_end>();
     end->server = server;
@@ -230,19 +215,19 @@ HANDLE make_end(bool server, DWORD access, std::shared_ptr<instance> of, const s
 HANDLE open_pipe(const std::wstring &name, DWORD access, DWORD disposition, DWORD flags) {
     const auto *found = find_pipe(name);
     if (!found) {
-        return no_file(ERROR_FILE_NOT_FOUND);
+        return refuse(ERROR_FILE_NOT_FOUND), INVALID_HANDLE_VALUE;
     }
     pipe_name &pipe = **found;
     if (disposition != OPEN_EXISTING || !(flags & FILE_FLAG_OVERLAPPED)) { // others are not modelled
-        return no_file(ERROR_INVALID_PARAMETER);
+        return refuse(ERROR_INVALID_PARAMETER), INVALID_HANDLE_VALUE;
     }
     if (!access_allowed(*acting().who, pipe.sddl, access | SYNCHRONIZE | FILE_READ_ATTRIBUTES)) {
-        return no_file(ERROR_ACCESS_DENIED);
+        return refuse(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
     }
     const auto free = std::find_if(pipe.instances.begin(), pipe.instances.end(),
                                    [](const auto &one) { return one->free(); });
     if (free == pipe.instances.end()) {
-        return no_file(ERROR_PIPE_BUSY);
+        return refuse(ERROR_PIPE_BUSY), INVALID_HANDLE_VALUE;
     }
     part<pipe_world>().client_flags[fold(name)] = flags;
     instance &taken = **free;
@@ -260,18 +245,11 @@ HANDLE open_pipe(const std::wstring &name, DWORD access, DWORD disposition, DWOR
 }
 
 // Sets *id to the process at one side of the pipe.
-BOOL peer_id(HANDLE handle, ULONG *id, bool server) {
-    const auto end = find_as<pipe_end>(handle);
-    if (!end) {
-        return FALSE;
-    }
-    const auto on = end->current();
-    if (server && end->server) {
-        *id = end->of->name->server_id;
-        return TRUE;
-    }
+BOOL peer_id(const char *call, HANDLE handle, ULONG *id, bool server) {
+    const auto end = asked<pipe_end>(call, handle);
+    const auto on = end ? end->current() : nullptr;
     if (!on || on->cut) {
-        return refuse(ERROR_PIPE_NOT_CONNECTED);
+        return end ? refuse(ERROR_PIPE_NOT_CONNECTED) : FALSE;
     }
     *id = server ? on->server_id : on->client_id;
     return TRUE;
@@ -293,10 +271,7 @@ void thread_has_ended(DWORD id) {
 void machine::pipe_pieces(size_t bytes) { part<pipe_world>().piece = bytes ? bytes : SIZE_MAX; }
 bool machine::pipe_exists(const std::wstring &name) const { return find_pipe(name) != nullptr; }
 
-std::string machine::pipe_descriptor(const std::wstring &name) const {
-    const auto *found = find_pipe(name);
-    return found ? (*found)->sddl : "";
-}
+std::string machine::pipe_descriptor(const std::wstring &name) const { return (*find_pipe(name))->sddl; }
 
 DWORD machine::pipe_client_flags(const std::wstring &name) const {
     return part<pipe_world>().client_flags[fold(name)];
@@ -310,43 +285,28 @@ extern "C" {
 
 HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, SECURITY_ATTRIBUTES *security, DWORD disposition,
                    DWORD flags, HANDLE) {
-    if (failing("CreateFileW")) {
-        return INVALID_HANDLE_VALUE;
-    }
+    BEGIN_CALL(INVALID_HANDLE_VALUE);
     return is_pipe_name(name) ? open_pipe(name, access, disposition, flags)
                               : open_file(name, access, share, security, disposition, flags);
 }
 
 HANDLE CreateNamedPipeW(LPCWSTR name, DWORD open_mode, DWORD, DWORD max_instances, DWORD out_size,
                         DWORD in_size, DWORD, SECURITY_ATTRIBUTES *security) {
-    if (failing("CreateNamedPipeW")) {
-        return INVALID_HANDLE_VALUE;
-    }
-    const DWORD direction = open_mode & PIPE_ACCESS_DUPLEX;
-    if (!is_pipe_name(name)) {
-        return no_file(ERROR_INVALID_NAME);
-    }
-    if (max_instances == 0 || max_instances > PIPE_UNLIMITED_INSTANCES || direction != PIPE_ACCESS_DUPLEX ||
-        !(open_mode & FILE_FLAG_OVERLAPPED)) { // pipes of other kinds are not modelled
-        return no_file(ERROR_INVALID_PARAMETER);
-    }
+    BEGIN_CALL(INVALID_HANDLE_VALUE);
     std::shared_ptr<pipe_name> pipe;
     if (const auto *found = find_pipe(name)) {
         pipe = *found;
         if ((open_mode & FILE_FLAG_FIRST_PIPE_INSTANCE) ||
             !access_allowed(*acting().who, pipe->sddl, FILE_CREATE_PIPE_INSTANCE)) {
-            return no_file(ERROR_ACCESS_DENIED);
+            return refuse(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
         }
-        if (pipe->max_instances != PIPE_UNLIMITED_INSTANCES &&
-            pipe->instances.size() >= pipe->max_instances) {
-            return no_file(ERROR_PIPE_BUSY);
+        if (pipe->instances.size() >= pipe->max_instances) {
+            return refuse(ERROR_PIPE_BUSY), INVALID_HANDLE_VALUE;
         }
     } else {
         pipe = std::make_shared<pipe_name>();
         pipe->name = name;
-        pipe->sddl = security && security->lpSecurityDescriptor
-                         ? sddl_of(security->lpSecurityDescriptor)
-                         : "D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;GA;;;" + acting().who->user + ")(A;;GR;;;WD)";
+        pipe->sddl = security ? sddl_of(security->lpSecurityDescriptor) : "D:(A;;GA;;;WD)";
         pipe->max_instances = max_instances;
         pipe->server_id = acting().id;
         pipe->out_size = out_size;
@@ -359,54 +319,33 @@ HANDLE CreateNamedPipeW(LPCWSTR name, DWORD open_mode, DWORD, DWORD max_instance
 }
 
 BOOL ConnectNamedPipe(HANDLE handle, OVERLAPPED *overlapped) {
-    if (failing("ConnectNamedPipe")) {
-        return FALSE;
-    }
-    const auto end = find_as<pipe_end>(handle);
-    if (!end || !end->server) {
-        return end ? refuse(ERROR_INVALID_FUNCTION) : FALSE;
-    }
-    return end->connect(overlapped);
+    const auto end = asked<pipe_end>(__func__, handle);
+    return end && end->server ? end->connect(overlapped) : FALSE;
 }
 
 BOOL DisconnectNamedPipe(HANDLE handle) {
-    if (failing("DisconnectNamedPipe")) {
-        return FALSE;
-    }
-    const auto end = find_as<pipe_end>(handle);
-    if (!end || !end->server) {
-        return end ? refuse(ERROR_INVALID_FUNCTION) : FALSE;
-    }
-    end->disconnect();
-    return TRUE;
+    const auto end = asked<pipe_end>(__func__, handle);
+    return end && end->server ? (end->disconnect(), TRUE) : FALSE;
 }
 
-BOOL GetNamedPipeClientProcessId(HANDLE pipe, ULONG *id) {
-    return failing("GetNamedPipeClientProcessId") ? FALSE : peer_id(pipe, id, false);
-}
-
-BOOL GetNamedPipeServerProcessId(HANDLE pipe, ULONG *id) {
-    return failing("GetNamedPipeServerProcessId") ? FALSE : peer_id(pipe, id, true);
-}
+BOOL GetNamedPipeClientProcessId(HANDLE pipe, ULONG *id) { return peer_id(__func__, pipe, id, false); }
+BOOL GetNamedPipeServerProcessId(HANDLE pipe, ULONG *id) { return peer_id(__func__, pipe, id, true); }
 
 // Failing on demand keeps what no failure of the system's takes away: a waiting call waits first, and
 // CancelIoEx, which fails only if there is nothing to cancel, cancels.
 BOOL GetOverlappedResult(HANDLE file, OVERLAPPED *overlapped, DWORD *moved, BOOL wait) {
-    const bool fails = failing("GetOverlappedResult");
+    const bool fails = failing(__func__);
     const DWORD demanded = GetLastError();
-    if (!machine_exists() || acting().ended) {
-        return FALSE;
-    }
-    const auto end = find_as<pipe_end>(file);
+    const auto end = acting().ended ? nullptr : find_as<pipe_end>(file);
     if (!end) {
         return FALSE;
     }
-    const auto found = part<pipe_world>().transfers.find(overlapped);
-    if (found == part<pipe_world>().transfers.end() || found->second->end != end.get()) {
+    const auto &all = part<pipe_world>().transfers;
+    const std::shared_ptr<transfer> of = all.contains(overlapped) ? all.at(overlapped) : nullptr;
+    if (!of || of->end != end.get()) {
         breach("asks for the result of a transfer that was never begun on " + end->describe());
         return refuse(ERROR_INVALID_PARAMETER);
     }
-    const std::shared_ptr<transfer> of = found->second;
     if (wait) {
         wait_until([&of] { return of->finished; }, no_deadline, "a transfer's end");
     }
@@ -418,24 +357,17 @@ BOOL GetOverlappedResult(HANDLE file, OVERLAPPED *overlapped, DWORD *moved, BOOL
 }
 
 BOOL CancelIoEx(HANDLE file, OVERLAPPED *overlapped) {
-    const bool fails = failing("CancelIoEx");
-    const DWORD demanded = GetLastError();
-    if (!machine_exists() || acting().ended) {
-        return FALSE;
-    }
-    const auto end = find_as<pipe_end>(file);
-    if (!end) {
-        return FALSE;
-    }
+    const bool fails = failing(__func__);
+    const DWORD demanded = fails ? GetLastError() : ERROR_NOT_FOUND;
+    const auto end = acting().ended ? nullptr : find_as<pipe_end>(file);
     bool any = false;
-    for (const auto &one : part<pipe_world>().transfers) {
-        const auto &of = one.second;
-        if (of->end == end.get() && !of->finished && (!overlapped || of->overlapped == overlapped)) {
-            soon([of] { of->finish(ERROR_OPERATION_ABORTED); }); // unless it is done by then
+    for (const auto &[key, of] : part<pipe_world>().transfers) {
+        if (end && of->end == end.get() && !of->finished && (!overlapped || key == overlapped)) {
+            soon([of = of] { of->finish(ERROR_OPERATION_ABORTED); }); // unless it is done by then
             any = true;
         }
     }
-    return fails ? refuse(demanded) : any ? TRUE : refuse(ERROR_NOT_FOUND);
+    return any && !fails ? TRUE : end ? refuse(demanded) : FALSE;
 }
 
 } // extern "C"

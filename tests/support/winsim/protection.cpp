@@ -1,5 +1,5 @@
 // Data protection: a reversible scrambling by the machine and, without the machine's flag, the user; with a checksum, so
-// that a changed blob and one of another machine or user are refused. And the hook that sees the secrets pass.
+// that a changed blob and one of another machine or user are refused.
 #include <algorithm>
 #include <cstring>
 
@@ -51,12 +51,10 @@ using namespace winsim;
 
 BOOL CryptProtectData(DATA_BLOB *plain, LPCWSTR, DATA_BLOB *entropy, PVOID, void *prompt, DWORD flags,
                       DATA_BLOB *sealed) {
-    pass("CryptProtectData", *plain);
-    if (failing("CryptProtectData")) {
-        return FALSE;
-    }
+    pass(__func__, *plain);
+    BEGIN_CALL(FALSE);
     if (entropy != nullptr || prompt != nullptr || (flags & CRYPTPROTECT_UI_FORBIDDEN) == 0) {
-        return refuse(ERROR_INVALID_PARAMETER);
+        return FALSE;
     }
     BYTE *blob = static_cast<BYTE *>(sim_local_alloc(head_size + plain->cbData));
     const uint64_t noise = random_source()();
@@ -72,12 +70,10 @@ BOOL CryptProtectData(DATA_BLOB *plain, LPCWSTR, DATA_BLOB *entropy, PVOID, void
 
 BOOL CryptUnprotectData(DATA_BLOB *sealed, LPWSTR *, DATA_BLOB *entropy, PVOID, void *prompt, DWORD flags,
                         DATA_BLOB *plain) {
-    if (failing("CryptUnprotectData")) {
-        return FALSE;
-    }
+    BEGIN_CALL(FALSE);
     if (entropy != nullptr || prompt != nullptr || flags != CRYPTPROTECT_UI_FORBIDDEN ||
         sealed->cbData < head_size) {
-        return refuse(sealed->cbData < head_size ? ERROR_INVALID_DATA : ERROR_INVALID_PARAMETER);
+        return refuse(ERROR_INVALID_DATA);
     }
     std::vector<BYTE> opened(sealed->pbData, sealed->pbData + sealed->cbData);
     scramble(opened.data(), opened.data() + 8, opened.size() - 8);
@@ -91,6 +87,6 @@ BOOL CryptUnprotectData(DATA_BLOB *sealed, LPWSTR *, DATA_BLOB *entropy, PVOID, 
     BYTE *out = static_cast<BYTE *>(sim_local_alloc(size));
     std::copy_n(opened.data() + head_size, size, out);
     *plain = {static_cast<DWORD>(size), out};
-    pass("CryptUnprotectData", *plain);
+    pass(__func__, *plain);
     return TRUE;
 }

@@ -2,9 +2,8 @@
 // is written by elevated processes alone.
 #include <algorithm>
 #include <cstring>
-#include <tuple>
+#include <utility>
 
-#include "winsim/own_closer.h"
 #include "winsim/security_model.h"
 
 namespace winsim {
@@ -16,8 +15,7 @@ struct registry_value {
 };
 
 struct registry {
-    std::map<std::pair<std::wstring, std::wstring>, registry_value>
-        values; // by folded key path and folded name
+    std::map<std::pair<std::wstring, std::wstring>, registry_value> values; // by key path and name, folded
 };
 
 struct open_key : own_closer {
@@ -34,15 +32,9 @@ std::wstring table_key(const std::wstring &path) {
     return fold(personal ? std::wstring(user.begin(), user.end()) + path.substr(4) : path);
 }
 
-// A predefined key or an open one with a path below it; empty if it is no key.
+// A predefined key with a path below it.
 std::wstring key_path(HKEY key, const wchar_t *subkey) {
-    std::wstring path;
-    if (key == HKEY_LOCAL_MACHINE || key == HKEY_CURRENT_USER) {
-        path = key == HKEY_LOCAL_MACHINE ? L"HKLM" : L"HKCU";
-    } else if (std::shared_ptr<open_key> found = find_as<open_key>(key)) {
-        path = found->path;
-    }
-    return path.empty() || subkey == nullptr ? path : path + L"\\" + subkey;
+    return (key == HKEY_LOCAL_MACHINE ? L"HKLM\\" : L"HKCU\\") + std::wstring(subkey);
 }
 
 void set(const std::wstring &key, const std::wstring &name, DWORD type, const void *bytes, size_t size) {
@@ -62,14 +54,11 @@ void machine::set_registry(const std::wstring &key, const std::wstring &name, co
     set(key, name, REG_SZ, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
 }
 
-bool machine::in_registry(const std::wstring &key, const std::wstring &name) const {
-    return values().count({table_key(key), fold(name)}) != 0;
-}
-
 std::wstring machine::registry_text(const std::wstring &key, const std::wstring &name) const {
-    const registry_value &value = values().at({table_key(key), fold(name)});
-    std::wstring text(value.bytes.size() / sizeof(wchar_t), L'\0');
-    std::memcpy(text.data(), value.bytes.data(), text.size() * sizeof(wchar_t));
+    const auto found = values().find({table_key(key), fold(name)});
+    const std::vector<BYTE> bytes = found == values().end() ? std::vector<BYTE>() : found->second.bytes;
+    std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
+    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<BYTE *>(text.data()));
     return text;
 }
 
@@ -77,60 +66,38 @@ std::wstring machine::registry_text(const std::wstring &key, const std::wstring 
 
 using namespace winsim;
 
-LSTATUS RegGetValueW(HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD flags, DWORD *type, void *out,
-                     DWORD *size) {
-    if (failing("RegGetValueW")) {
-        return result(GetLastError());
+LSTATUS RegGetValueW(HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD flags, DWORD *, void *out, DWORD *size) {
+    BEGIN_CALL(result(GetLastError()));
+    const auto found = values().find({table_key(key_path(key, subkey)), fold(name)});
+    if (found == values().end()) {
+        return ERROR_FILE_NOT_FOUND;
     }
-    const std::wstring path = key_path(key, subkey);
-    auto found = values().find({table_key(path), fold(name)});
-    if (path.empty() || found == values().end()) {
-        return result(path.empty() ? ERROR_INVALID_HANDLE : ERROR_FILE_NOT_FOUND);
+    const auto &[kind, bytes] = found->second;
+    if ((flags & 1u << kind) == 0) {
+        return ERROR_UNSUPPORTED_TYPE;
     }
-    registry_value value = found->second;
-    if ((flags & 1u << value.type) == 0) {
-        return result(ERROR_UNSUPPORTED_TYPE);
+    const DWORD given = std::exchange(*size, static_cast<DWORD>(bytes.size()));
+    if (given < bytes.size()) {
+        return ERROR_MORE_DATA;
     }
-    // A text that was stored without its end gets one here.
-    constexpr size_t unit = sizeof(wchar_t);
-    if (value.type == REG_SZ &&
-        (value.bytes.size() < unit ||
-         std::any_of(value.bytes.end() - unit, value.bytes.end(), [](BYTE b) { return b != 0; }))) {
-        value.bytes.resize(value.bytes.size() + unit);
-    }
-    if (type != nullptr) {
-        *type = value.type;
-    }
-    const DWORD given = size != nullptr ? *size : 0;
-    if (size != nullptr) {
-        *size = static_cast<DWORD>(value.bytes.size());
-    }
-    if (out != nullptr && given < value.bytes.size()) {
-        return result(ERROR_MORE_DATA);
-    }
-    if (out != nullptr) {
-        std::memcpy(out, value.bytes.data(), value.bytes.size());
-    }
-    return result(ERROR_SUCCESS);
+    std::memcpy(out, bytes.data(), bytes.size());
+    return ERROR_SUCCESS;
 }
 
 LSTATUS RegCreateKeyExW(HKEY key, LPCWSTR subkey, DWORD, LPWSTR, DWORD, REGSAM access,
                         const SECURITY_ATTRIBUTES *, HKEY *out, DWORD *) {
-    if (failing("RegCreateKeyExW")) {
-        return result(GetLastError());
-    }
+    BEGIN_CALL(result(GetLastError()));
     auto made = std::make_shared<open_key>();
     made->path = key_path(key, subkey);
-    if (made->path.empty() || (made->path.starts_with(L"HKLM") && !acting().who->elevated)) {
-        return result(made->path.empty() ? ERROR_INVALID_HANDLE : ERROR_ACCESS_DENIED);
+    if (made->path.starts_with(L"HKLM") && !acting().who->elevated) {
+        return ERROR_ACCESS_DENIED;
     }
     *out = static_cast<HKEY>(make_handle(made, access));
     return ERROR_SUCCESS;
 }
 
 LSTATUS RegSetValueExW(HKEY key, LPCWSTR name, DWORD, DWORD type, const BYTE *bytes, DWORD size) {
-    std::shared_ptr<open_key> found =
-        failing("RegSetValueExW") ? nullptr : find_as<open_key>(key, KEY_SET_VALUE);
+    const auto found = asked<open_key>(__func__, key, KEY_SET_VALUE);
     if (!found) {
         return result(GetLastError());
     }
@@ -139,16 +106,14 @@ LSTATUS RegSetValueExW(HKEY key, LPCWSTR name, DWORD, DWORD type, const BYTE *by
 }
 
 LSTATUS RegDeleteValueW(HKEY key, LPCWSTR name) {
-    std::shared_ptr<open_key> found =
-        failing("RegDeleteValueW") ? nullptr : find_as<open_key>(key, KEY_SET_VALUE);
+    const auto found = asked<open_key>(__func__, key, KEY_SET_VALUE);
     if (!found) {
         return result(GetLastError());
     }
-    return result(values().erase({table_key(found->path), fold(name)}) != 0 ? ERROR_SUCCESS
-                                                                            : ERROR_FILE_NOT_FOUND);
+    const bool gone = values().erase({table_key(found->path), fold(name)}) != 0;
+    return gone ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
 }
 
 LSTATUS RegCloseKey(HKEY key) {
-    enter("RegCloseKey");
-    return result(close_own<open_key>(key) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE);
+    return close_own<open_key>(__func__, key) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 
 namespace winsim {
 namespace {
@@ -19,8 +20,10 @@ constexpr named_value rights[] = {
     {"RC", READ_CONTROL},         {"WD", WRITE_DAC},         {"WO", WRITE_OWNER},
 };
 constexpr named_value entry_flags[] = {
-    {"OI", OBJECT_INHERIT_ACE}, {"CI", CONTAINER_INHERIT_ACE}, {"NP", NO_PROPAGATE_INHERIT_ACE},
-    {"IO", INHERIT_ONLY_ACE},   {"ID", INHERITED_ACE},
+    {"OI", OBJECT_INHERIT_ACE},
+    {"CI", CONTAINER_INHERIT_ACE},
+    {"IO", INHERIT_ONLY_ACE},
+    {"ID", INHERITED_ACE},
 };
 constexpr named_value entry_types[] = {
     {"A", ACCESS_ALLOWED_ACE_TYPE},
@@ -28,8 +31,7 @@ constexpr named_value entry_types[] = {
     {"AU", SYSTEM_AUDIT_ACE_TYPE},
     {"OA", ACCESS_ALLOWED_OBJECT_ACE_TYPE},
 };
-constexpr named_value control_flags[] = {
-    {"P", SE_DACL_PROTECTED}, {"AR", SE_DACL_AUTO_INHERIT_REQ}, {"AI", SE_DACL_AUTO_INHERITED}};
+constexpr named_value control_flags[] = {{"P", SE_DACL_PROTECTED}, {"AI", SE_DACL_AUTO_INHERITED}};
 
 // A row of names without separators, such as "OICI".
 template <size_t N>
@@ -47,61 +49,23 @@ std::optional<DWORD> parse_names(const named_value (&table)[N], std::string text
     return value;
 }
 
-template <size_t N>
-std::string format_names(const named_value (&table)[N], DWORD value) {
-    std::string text;
-    for (const named_value &row : table) {
-        if ((value & row.value) == row.value) {
-            text += row.name;
-        }
-    }
-    return text;
-}
-
-template <size_t N>
-const named_value *row_of(const named_value (&table)[N], const std::string &name) {
-    auto same = [&](const named_value &row) { return name == row.name; };
-    const named_value *row = std::find_if(std::begin(table), std::end(table), same);
-    return row == std::end(table) ? nullptr : row;
-}
-
-template <size_t N>
-const named_value *row_of(const named_value (&table)[N], DWORD value) {
-    auto same = [&](const named_value &row) { return value == row.value; };
-    const named_value *row = std::find_if(std::begin(table), std::end(table), same);
-    return row == std::end(table) ? nullptr : row;
-}
-
-std::optional<DWORD> parse_rights(const std::string &text) {
-    if (!text.starts_with("0x")) {
-        return parse_names(rights, text);
-    }
-    size_t used = 0;
-    unsigned long value = text.size() > 10 || text.size() < 3 ? 0 : std::stoul(text, &used, 16);
-    return used == text.size() ? std::optional<DWORD>(static_cast<DWORD>(value)) : std::nullopt;
-}
-
 // "type;flags;rights;object;inherit object;account"
 std::optional<access_entry> parse_entry(const std::string &text) {
-    std::vector<std::string> fields(1);
-    for (char c : text) {
-        if (c == ';') {
-            fields.emplace_back();
-        } else {
-            fields.back() += c;
-        }
+    std::istringstream from(text);
+    std::string type, flags, mask, object, inherited, account;
+    for (std::string *field : {&type, &flags, &mask, &object, &inherited, &account}) {
+        std::getline(from, *field, ';');
     }
-    if (fields.size() != 6) {
+    const auto row = std::ranges::find(entry_types, type, &named_value::name);
+    const std::optional<DWORD> flag_bits = parse_names(entry_flags, flags);
+    const std::optional<DWORD> mask_bits = mask.starts_with("0x")
+                                               ? static_cast<DWORD>(std::stoul(mask, nullptr, 16))
+                                               : parse_names(rights, mask);
+    const std::string sid = sid_text(account);
+    if (row == std::end(entry_types) || !flag_bits || !mask_bits || sid.empty()) {
         return std::nullopt;
     }
-    const named_value *type = row_of(entry_types, fields[0]);
-    std::optional<DWORD> flags = parse_names(entry_flags, fields[1]);
-    std::optional<DWORD> mask = parse_rights(fields[2]);
-    std::string sid = sid_text(fields[5]);
-    if (type == nullptr || !flags || !mask || sid.empty()) {
-        return std::nullopt;
-    }
-    return access_entry{static_cast<BYTE>(type->value), static_cast<BYTE>(*flags), *mask, sid};
+    return access_entry{static_cast<BYTE>(row->value), static_cast<BYTE>(*flag_bits), *mask_bits, sid};
 }
 
 bool parse_dacl(const std::string &text, descriptor_record &out) {
@@ -111,33 +75,17 @@ bool parse_dacl(const std::string &text, descriptor_record &out) {
         return true;
     }
     size_t at = std::min(text.find('('), text.size());
-    std::optional<DWORD> control = parse_names(control_flags, text.substr(0, at));
-    if (!control) {
-        return false;
-    }
-    out.control = static_cast<WORD>(*control);
-    while (at < text.size()) {
-        size_t end = text.find(')', at);
-        if (text[at] != '(' || end == std::string::npos) {
-            return false;
-        }
-        std::optional<access_entry> entry = parse_entry(text.substr(at + 1, end - at - 1));
-        if (!entry) {
+    const std::optional<DWORD> control = parse_names(control_flags, text.substr(0, at));
+    out.control = static_cast<WORD>(control.value_or(0));
+    for (size_t end = 0; at < text.size(); at = end + 1) {
+        end = std::min(text.find(')', at), text.size());
+        const auto entry = parse_entry(text.substr(at + 1, end - at - 1));
+        if (text[at] != '(' || end == text.size() || !entry) {
             return false;
         }
         out.entries.push_back(*entry);
-        at = end + 1;
     }
-    return true;
-}
-
-std::string format_entry(const access_entry &entry) {
-    char mask[16];
-    std::snprintf(mask, sizeof mask, "0x%x", entry.mask);
-    const named_value *right = row_of(rights, entry.mask);
-    return std::string("(") + row_of(entry_types, entry.type)->name + ";" +
-           format_names(entry_flags, entry.flags) + ";" + (right != nullptr ? right->name : mask) + ";;;" +
-           sid_name(entry.sid) + ")";
+    return control.has_value();
 }
 
 void append(std::vector<BYTE> &out, const void *bytes, size_t size) {
@@ -161,7 +109,6 @@ void append_entry(std::vector<BYTE> &out, const access_entry &entry) {
 struct descriptor_memory {
     WORD control;
     BYTE *owner;
-    BYTE *group;
     ACL *dacl;
     const char *sddl;
 };
@@ -181,10 +128,10 @@ std::optional<descriptor_record> parse_sddl(const std::string &text) {
         if (part == 'D' && !parse_dacl(body, out)) {
             return std::nullopt;
         }
-        std::string &account = part == 'O' ? out.owner : out.group;
-        if (part != 'D' && (account = sid_text(body)).empty()) {
+        if (part != 'D' && sid_text(body).empty()) {
             return std::nullopt;
         }
+        out.owner = part == 'O' ? sid_text(body) : out.owner;
     }
     return out;
 }
@@ -192,7 +139,6 @@ std::optional<descriptor_record> parse_sddl(const std::string &text) {
 PSECURITY_DESCRIPTOR to_memory(const std::string &sddl) {
     const descriptor_record record = *parse_sddl(sddl);
     std::vector<BYTE> owner = sid_bytes(record.owner).value_or(std::vector<BYTE>());
-    std::vector<BYTE> group = sid_bytes(record.group).value_or(std::vector<BYTE>());
     std::vector<BYTE> list(sizeof(ACL));
     for (const access_entry &entry : record.entries) {
         append_entry(list, entry);
@@ -200,8 +146,7 @@ PSECURITY_DESCRIPTOR to_memory(const std::string &sddl) {
     const ACL acl{2, 0, static_cast<WORD>(list.size()), static_cast<WORD>(record.entries.size()), 0};
     std::memcpy(list.data(), &acl, sizeof acl);
 
-    const size_t size =
-        sizeof(descriptor_memory) + list.size() + owner.size() + group.size() + sddl.size() + 1;
+    const size_t size = sizeof(descriptor_memory) + list.size() + owner.size() + sddl.size() + 1;
     BYTE *memory = static_cast<BYTE *>(sim_local_alloc(size));
     BYTE *at = memory + sizeof(descriptor_memory);
     auto place = [&](const void *bytes, size_t count) {
@@ -216,7 +161,6 @@ PSECURITY_DESCRIPTOR to_memory(const std::string &sddl) {
         head.dacl = reinterpret_cast<ACL *>(place(list.data(), list.size()));
     }
     head.owner = owner.empty() ? nullptr : place(owner.data(), owner.size());
-    head.group = group.empty() ? nullptr : place(group.data(), group.size());
     head.sddl = reinterpret_cast<const char *>(place(sddl.c_str(), sddl.size() + 1));
     std::memcpy(memory, &head, sizeof head);
     return memory;
@@ -225,22 +169,18 @@ PSECURITY_DESCRIPTOR to_memory(const std::string &sddl) {
 std::string sddl_of(PSECURITY_DESCRIPTOR memory) { return static_cast<descriptor_memory *>(memory)->sddl; }
 
 std::string inherited_descriptor(const std::string &parent, const token_facts &creator, bool directory) {
-    const std::string owner = creator.elevated ? "BA" : sid_name(sid_text(creator.user));
+    const std::string owner = creator.elevated ? "BA" : creator.user;
+    const descriptor_record above = *parse_sddl(parent);
     std::string entries;
-    const std::optional<descriptor_record> above = parse_sddl(parent);
-    for (const access_entry &entry : above->entries) {
-        const bool for_files = (entry.flags & OBJECT_INHERIT_ACE) != 0;
-        const bool for_directories = (entry.flags & CONTAINER_INHERIT_ACE) != 0;
-        const bool passed_on = directory && (entry.flags & NO_PROPAGATE_INHERIT_ACE) == 0;
-        if (directory ? !for_directories && !(for_files && passed_on) : !for_files) {
-            continue;
+    for (const access_entry &entry : above.entries) {
+        if ((entry.flags & (directory ? CONTAINER_INHERIT_ACE : OBJECT_INHERIT_ACE)) != 0) {
+            std::string flags = directory && (entry.flags & OBJECT_INHERIT_ACE) != 0 ? "OI" : "";
+            flags += directory ? "CIID" : "ID";
+            char mask[16];
+            std::snprintf(mask, sizeof mask, "0x%x", entry.mask);
+            entries += (entry.type == ACCESS_DENIED_ACE_TYPE ? "(D;" : "(A;") + flags + ";" + mask + ";;;" +
+                       entry.sid + ")";
         }
-        DWORD flags = INHERITED_ACE;
-        if (passed_on) {
-            flags |= entry.flags & (OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE);
-            flags |= for_directories ? 0 : INHERIT_ONLY_ACE;
-        }
-        entries += format_entry({entry.type, static_cast<BYTE>(flags), entry.mask, entry.sid});
     }
     if (entries.empty()) {
         entries = "(A;;FA;;;" + owner + ")(A;;FA;;;SY)"; // the token's default list
@@ -254,9 +194,7 @@ using namespace winsim;
 
 BOOL ConvertStringSecurityDescriptorToSecurityDescriptorW(const wchar_t *text, DWORD revision,
                                                           PSECURITY_DESCRIPTOR *out, DWORD *size) {
-    if (failing("ConvertStringSecurityDescriptorToSecurityDescriptorW")) {
-        return FALSE;
-    }
+    BEGIN_CALL(FALSE);
     const std::string sddl = narrow(text);
     if (revision != SDDL_REVISION_1 || size != nullptr || !parse_sddl(sddl)) {
         return refuse(ERROR_INVALID_PARAMETER);
@@ -266,9 +204,7 @@ BOOL ConvertStringSecurityDescriptorToSecurityDescriptorW(const wchar_t *text, D
 }
 
 BOOL GetAce(PACL list, DWORD index, void **out) {
-    if (failing("GetAce")) {
-        return FALSE;
-    }
+    BEGIN_CALL(FALSE);
     if (index >= list->AceCount) {
         return refuse(ERROR_INVALID_PARAMETER);
     }
@@ -282,19 +218,15 @@ BOOL GetAce(PACL list, DWORD index, void **out) {
 
 BOOL GetSecurityDescriptorControl(PSECURITY_DESCRIPTOR descriptor, SECURITY_DESCRIPTOR_CONTROL *control,
                                   DWORD *revision) {
-    if (failing("GetSecurityDescriptorControl")) {
-        return FALSE;
-    }
+    BEGIN_CALL(FALSE);
     *control = static_cast<descriptor_memory *>(descriptor)->control;
     *revision = SDDL_REVISION_1;
     return TRUE;
 }
 
 DWORD GetNamedSecurityInfoW(const wchar_t *name, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID *owner,
-                            PSID *group, PACL *dacl, PACL *, PSECURITY_DESCRIPTOR *descriptor) {
-    if (failing("GetNamedSecurityInfoW")) {
-        return GetLastError();
-    }
+                            PSID *, PACL *dacl, PACL *, PSECURITY_DESCRIPTOR *descriptor) {
+    BEGIN_CALL(GetLastError());
     std::string sddl;
     const DWORD error = type == SE_FILE_OBJECT ? file_descriptor(name, sddl) : ERROR_INVALID_PARAMETER;
     if (error != ERROR_SUCCESS) {
@@ -303,9 +235,6 @@ DWORD GetNamedSecurityInfoW(const wchar_t *name, SE_OBJECT_TYPE type, SECURITY_I
     descriptor_memory *memory = static_cast<descriptor_memory *>(*descriptor = to_memory(sddl));
     if ((what & OWNER_SECURITY_INFORMATION) != 0 && owner != nullptr) {
         *owner = memory->owner;
-    }
-    if ((what & GROUP_SECURITY_INFORMATION) != 0 && group != nullptr) {
-        *group = memory->group;
     }
     if ((what & DACL_SECURITY_INFORMATION) != 0 && dacl != nullptr) {
         *dacl = memory->dacl;

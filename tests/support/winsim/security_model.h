@@ -19,8 +19,7 @@ struct access_entry {
 };
 
 struct descriptor_record {
-    std::string owner; // SIDs as "S-1-..."; empty for none
-    std::string group;
+    std::string owner; // "S-1-..."; empty for none. A group is read, and forgotten
     bool dacl_present = false;
     bool null_dacl = false; // present, and allows everything
     WORD control = 0;
@@ -28,7 +27,6 @@ struct descriptor_record {
 };
 
 std::string sid_text(const std::string &name); // "SY" or "S-1-..." to "S-1-...", empty for neither
-std::string sid_name(const std::string &sid);  // the short name if there is one
 std::optional<std::vector<BYTE>> sid_bytes(const std::string &text); // of "S-1-..."
 std::string sid_from_memory(const void *sid);                        // "S-1-..."
 

@@ -9,43 +9,24 @@
 namespace winsim {
 namespace {
 
-const struct {
-    const char *name;
-    const char *sid;
-    int well_known;
-} known_sids[] = {
-    {"SY", "S-1-5-18", WinLocalSystemSid},
-    {"BA", "S-1-5-32-544", WinBuiltinAdministratorsSid},
-    {"BU", "S-1-5-32-545", WinBuiltinUsersSid},
-    {"AU", "S-1-5-11", WinAuthenticatedUserSid},
-    {"WD", "S-1-1-0", WinWorldSid},
-    {"IU", "S-1-5-4", WinInteractiveSid},
-    {"TI", "S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464", 0},
-};
+const std::map<std::string, std::string> known_sids = {
+    {"SY", "S-1-5-18"},
+    {"BA", "S-1-5-32-544"},
+    {"BU", "S-1-5-32-545"},
+    {"AU", "S-1-5-11"},
+    {"WD", "S-1-1-0"},
+    {"IU", "S-1-5-4"},
+    {"TI", "S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464"}};
 
 std::string well_known(WELL_KNOWN_SID_TYPE type) {
-    auto same = [&](const auto &row) { return row.well_known == type; };
-    return std::find_if(std::begin(known_sids), std::end(known_sids), same)->sid;
+    return known_sids.at(type == WinLocalSystemSid ? "SY" : "BA");
 }
 
 } // namespace
 
-std::string sid_name(const std::string &sid) {
-    for (const auto &row : known_sids) {
-        if (sid == row.sid) {
-            return row.name;
-        }
-    }
-    return sid;
-}
-
 std::string sid_text(const std::string &name) {
-    for (const auto &row : known_sids) {
-        if (name == row.name) {
-            return row.sid;
-        }
-    }
-    return sid_bytes(name) ? name : std::string();
+    const auto row = known_sids.find(name);
+    return row != known_sids.end() ? row->second : sid_bytes(name) ? name : "";
 }
 
 std::optional<std::vector<BYTE>> sid_bytes(const std::string &text) {
@@ -92,9 +73,7 @@ std::string sid_from_memory(const void *memory) {
 using namespace winsim;
 
 BOOL ConvertStringSidToSidW(const wchar_t *text, PSID *out) {
-    if (failing("ConvertStringSidToSidW")) {
-        return FALSE;
-    }
+    BEGIN_CALL(FALSE);
     const std::optional<std::vector<BYTE>> sid = sid_bytes(sid_text(narrow(text)));
     if (!sid) {
         return refuse(ERROR_INVALID_SID);
@@ -104,9 +83,7 @@ BOOL ConvertStringSidToSidW(const wchar_t *text, PSID *out) {
 }
 
 BOOL ConvertSidToStringSidW(PSID sid, wchar_t **out) {
-    if (failing("ConvertSidToStringSidW")) {
-        return FALSE;
-    }
+    BEGIN_CALL(FALSE);
     const std::string text = sid_from_memory(sid);
     *out = static_cast<wchar_t *>(sim_local_alloc((text.size() + 1) * sizeof(wchar_t)));
     std::copy_n(text.c_str(), text.size() + 1, *out);
@@ -114,19 +91,17 @@ BOOL ConvertSidToStringSidW(PSID sid, wchar_t **out) {
 }
 
 BOOL EqualSid(PSID left, PSID right) {
-    enter("EqualSid");
+    enter(__func__);
     return sid_from_memory(left) == sid_from_memory(right);
 }
 
 BOOL IsWellKnownSid(PSID sid, WELL_KNOWN_SID_TYPE type) {
-    enter("IsWellKnownSid");
+    enter(__func__);
     return sid_from_memory(sid) == well_known(type);
 }
 
 BOOL CreateWellKnownSid(WELL_KNOWN_SID_TYPE type, PSID, PSID out, DWORD *size) {
-    if (failing("CreateWellKnownSid")) {
-        return FALSE;
-    }
+    BEGIN_CALL(FALSE);
     const std::vector<BYTE> sid = *sid_bytes(well_known(type));
     const DWORD given = std::exchange(*size, static_cast<DWORD>(sid.size()));
     if (given < sid.size()) {

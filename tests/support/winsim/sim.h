@@ -24,9 +24,12 @@ namespace winsim {
 // is for calls that can't fail.
 bool failing(const char *call);
 void enter(const char *call);
+#define BEGIN_CALL(answer_of_failure)                                                                        \
+    if (failing(__func__)) return answer_of_failure
 
 // Sets the last error and answers FALSE, so that a refusal is one line: return refuse(ERROR_ACCESS_DENIED);
 BOOL refuse(DWORD error);
+void breach(const std::string &what);
 
 // -- the parts of the machine that exists: each source keeps what it knows in a struct of its own, made at the first use
 // and gone with the machine. part<files>().root ...
@@ -90,6 +93,12 @@ struct process : object {
     std::string describe() const override { return "process " + std::to_string(id); }
 };
 
+// The people of the machine, by the SIDs of admin_token and user_token.
+constexpr struct {
+    const char *sid;
+    const wchar_t *folder;
+} profiles[] = {{"S-1-5-21-1-2-3-1001", L"C:\\Users\\person"}, {"S-1-5-21-1-2-3-1002", L"C:\\Users\\other"}};
+
 process &acting();                                // the process that the calling thread belongs to
 std::shared_ptr<process> process_by_id(DWORD id); // null if there never was one
 std::shared_ptr<process> new_process(const token_facts &who, const std::wstring &image);
@@ -122,6 +131,35 @@ std::shared_ptr<T> find_as(HANDLE handle, DWORD needed = 0) {
         return nullptr;
     }
     return found;
+}
+
+// The beginning of a call about the object behind a handle: null if it is to fail.
+template <class T>
+std::shared_ptr<T> asked(const char *call, HANDLE handle, DWORD needed = 0) {
+    return failing(call) ? nullptr : find_as<T>(handle, needed);
+}
+
+// Handles that have a closing call of their own (a search, a registry key, a service, a library): CloseHandle on one is
+// a breach.
+struct own_closer : object {
+    bool closing = false;
+
+    void handle_closing() override {
+        if (!closing) {
+            breach("CloseHandle of a " + describe());
+        }
+    }
+};
+
+template <class T>
+BOOL close_own(const char *call, HANDLE handle) {
+    enter(call);
+    const auto found = machine_exists() ? find_as<T>(handle) : nullptr;
+    if (!found) {
+        return FALSE;
+    }
+    found->closing = true;
+    return CloseHandle(handle);
 }
 
 void close_handles_of(process &ended);
@@ -170,14 +208,16 @@ bool by_chance(unsigned one_in);           // by seed; never with seed 0
 // A thread of the machine beside the calling one, in the process in_process; std::thread's calls end here, too.
 void start_thread(std::shared_ptr<process> in_process, std::function<void()> body);
 
-void breach(const std::string &what);
 std::string narrow(const std::wstring &text); // UTF-8
 std::wstring fold(std::wstring text);         // lower case, for names that are found without regard to case
+
+// -- supplied by tokens.cpp
+bool may_open(const token_facts &who, const token_facts &whose); // a process, or its token
+bool enabled(const token_facts &who, const wchar_t *privilege);
 
 // -- supplied by security.cpp
 std::string sddl_of(PSECURITY_DESCRIPTOR descriptor); // the text for it, as it was given
 // Whether the descriptor grants all of desired; generic rights stand for those of files, in desired and in entries.
-bool access_allowed(const token_facts &who, PSECURITY_DESCRIPTOR descriptor, DWORD desired);
 bool access_allowed(const token_facts &who, const std::string &sddl, DWORD desired);
 
 // -- supplied by files.cpp: CreateFileW for a path that is no pipe's; the call has been counted already

@@ -1,14 +1,12 @@
 // The small facts of the system: names, time, texts, libraries, known folders, processes and network adapters.
 #include <algorithm>
-#include <chrono>
-#include <cstring>
+#include <ctime>
 #include <list>
 #include <utility>
 
 #include <iphlpapi.h>
 
-#include "winsim/files.h"
-#include "winsim/own_closer.h"
+#include "winsim/sim.h"
 
 namespace winsim {
 namespace {
@@ -28,7 +26,7 @@ system_facts &facts() { return part<system_facts>(); }
 constexpr char task_memory[] = "task memory";
 constexpr char library_list[] =
     "O:TIG:TID:P(A;;FA;;;TI)(A;;0x1200a9;;;SY)(A;;0x1200a9;;;BA)(A;;0x1200a9;;;BU)";
-constexpr std::chrono::sys_days clock_start = std::chrono::year(2026) / 1 / 2;
+constexpr time_t clock_start_s = 1767312000; // 2026-01-02
 
 struct library : own_closer {
     std::wstring path;
@@ -41,11 +39,11 @@ struct process_list : object {
 };
 
 // Copies a text with its end, if it fits; *size is the capacity before, the length or what is needed behind.
-BOOL copy_name(const std::wstring &text, wchar_t *out, DWORD *size, DWORD error) {
+BOOL copy_name(const std::wstring &text, wchar_t *out, DWORD *size) {
     const DWORD given = *size;
     *size = static_cast<DWORD>(text.size() + (given <= text.size()));
     if (given <= text.size()) {
-        return refuse(error);
+        return refuse(ERROR_INSUFFICIENT_BUFFER);
     }
     std::copy_n(text.c_str(), text.size() + 1, out);
     return TRUE;
@@ -62,36 +60,14 @@ int copy_text(const std::basic_string<Char> &text, Char *out, int capacity) {
     return length;
 }
 
-// The character at the front of text, and how many bytes it takes; a broken one is U+FFFD.
-std::pair<uint32_t, size_t> decode(const std::string &text, size_t at) {
-    const auto byte = [&](size_t i) { return i < text.size() ? static_cast<uint32_t>(text[i] & 0xFF) : 0; };
-    const uint32_t first = byte(at);
-    const size_t size = first < 0x80   ? 1
-                        : first < 0xC2 ? 0
-                        : first < 0xE0 ? 2
-                        : first < 0xF0 ? 3
-                        : first < 0xF5 ? 4
-                                       : 0;
-    uint32_t code = size < 2 ? first : first & (0x7Fu >> size);
-    for (size_t i = 1; i < size; i++) {
-        if ((byte(at + i) & 0xC0) != 0x80) {
-            return {0xFFFD, i};
-        }
-        code = code << 6 | (byte(at + i) & 0x3F);
+BOOL next_process(const char *call, HANDLE handle, PROCESSENTRY32W *entry) {
+    const auto list = asked<process_list>(call, handle);
+    if (!list || entry->dwSize != sizeof *entry || list->left.empty()) {
+        return list ? refuse(list->left.empty() ? ERROR_NO_MORE_FILES : ERROR_INVALID_PARAMETER) : FALSE;
     }
-    constexpr uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
-    const bool good = size > 0 && code >= least[size] && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
-    return good ? std::pair(code, size) : std::pair(uint32_t{0xFFFD}, std::max<size_t>(size, 1));
-}
-
-BOOL next_process(process_list &list, PROCESSENTRY32W *entry) {
-    if (entry->dwSize != sizeof *entry || list.left.empty()) {
-        return refuse(list.left.empty() ? ERROR_NO_MORE_FILES : ERROR_INVALID_PARAMETER);
-    }
-    entry->th32ProcessID = list.left.back().first;
-    std::fill_n(entry->szExeFile, MAX_PATH, L'\0');
-    list.left.back().second.copy(entry->szExeFile, MAX_PATH - 1);
-    list.left.pop_back();
+    entry->th32ProcessID = list->left.back().first;
+    entry->szExeFile[list->left.back().second.copy(entry->szExeFile, MAX_PATH - 1)] = L'\0';
+    list->left.pop_back();
     return TRUE;
 }
 
@@ -99,30 +75,26 @@ BOOL next_process(process_list &list, PROCESSENTRY32W *entry) {
 struct adapter_list {
     std::list<IP_ADAPTER_ADDRESSES> entries;
     std::list<IP_ADAPTER_UNICAST_ADDRESS> addresses;
-    std::list<sockaddr_in6> places; // room for both families
+    std::list<sockaddr_in> places;
     std::list<std::wstring> names;
 
     void add_address(const std::string &text, IP_ADAPTER_UNICAST_ADDRESS **&link) {
         const size_t slash = text.find('/');
-        const std::string ip = text.substr(0, slash);
-        const bool six = ip.find(':') != std::string::npos;
-        sockaddr_in6 &where = places.emplace_back();
-        void *four = &reinterpret_cast<sockaddr_in &>(where).sin_addr;
-        where.sin6_family = six ? AF_INET6 : AF_INET;
-        inet_pton(where.sin6_family, ip.c_str(), six ? &where.sin6_addr : four);
-        const int size = six ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-        const auto prefix = static_cast<BYTE>(std::stoi(text.substr(slash + 1)));
-        *link = &addresses.emplace_back(
-            IP_ADAPTER_UNICAST_ADDRESS{nullptr, {reinterpret_cast<sockaddr *>(&where), size}, prefix});
-        link = &(*link)->Next;
+        sockaddr_in &where = places.emplace_back();
+        where.sin_family = AF_INET;
+        if (inet_pton(AF_INET, text.substr(0, slash).c_str(), &where.sin_addr) ==
+            1) { // others weren't asked for
+            const auto prefix = static_cast<BYTE>(std::stoi(text.substr(slash + 1)));
+            *link = &addresses.emplace_back(IP_ADAPTER_UNICAST_ADDRESS{
+                nullptr, {reinterpret_cast<sockaddr *>(&where), sizeof where}, prefix});
+            link = &(*link)->Next;
+        }
     }
-    void add(const adapter &from, ULONG family, IP_ADAPTER_ADDRESSES **&link) {
+    void add(const adapter &from, IP_ADAPTER_ADDRESSES **&link) {
         IP_ADAPTER_ADDRESSES &entry = entries.emplace_back();
         IP_ADAPTER_UNICAST_ADDRESS **addresses_end = &entry.FirstUnicastAddress;
         for (const std::string &text : from.addresses) {
-            if (family != AF_INET || text.find(':') == std::string::npos) {
-                add_address(text, addresses_end);
-            }
+            add_address(text, addresses_end);
         }
         entry.FriendlyName = names.emplace_back(from.name).data();
         entry.IfType = from.type;
@@ -155,71 +127,61 @@ using namespace winsim;
 // -- names, time, texts
 
 BOOL GetComputerNameExW(COMPUTER_NAME_FORMAT, LPWSTR name, DWORD *size) {
-    return !failing("GetComputerNameExW") && copy_name(facts().dns_name, name, size, ERROR_MORE_DATA);
+    return !failing("GetComputerNameExW") && copy_name(facts().dns_name, name, size);
 }
 
 BOOL GetComputerNameW(LPWSTR name, DWORD *size) {
-    return !failing("GetComputerNameW") && copy_name(facts().netbios_name, name, size, ERROR_BUFFER_OVERFLOW);
+    return !failing("GetComputerNameW") && copy_name(facts().netbios_name, name, size);
 }
 
 UINT GetSystemDirectoryW(LPWSTR path, UINT capacity) {
-    if (failing("GetSystemDirectoryW")) {
-        return 0;
-    }
-    copy_name(L"C:\\Windows\\System32", path, &capacity, ERROR_INSUFFICIENT_BUFFER);
+    BEGIN_CALL(0);
+    copy_name(L"C:\\Windows\\System32", path, &capacity);
     return capacity;
 }
 
 void GetLocalTime(SYSTEMTIME *out) {
-    enter("GetLocalTime");
-    const auto now = clock_start + std::chrono::milliseconds(clock_ms());
-    const auto day = std::chrono::floor<std::chrono::days>(now);
-    const std::chrono::year_month_day date(day);
-    const std::chrono::hh_mm_ss time(now - day);
+    enter(__func__);
+    const time_t seconds = clock_start_s + static_cast<time_t>(clock_ms() / 1000);
+    std::tm t{};
+    gmtime_r(&seconds, &t);
     const auto word = [](auto value) { return static_cast<WORD>(value); };
-    *out = {word(static_cast<int>(date.year())),
-            word(static_cast<unsigned>(date.month())),
-            word(std::chrono::weekday(day).c_encoding()),
-            word(static_cast<unsigned>(date.day())),
-            word(time.hours().count()),
-            word(time.minutes().count()),
-            word(time.seconds().count()),
-            word(time.subseconds().count())};
+    *out = {word(t.tm_year + 1900), word(t.tm_mon + 1), word(t.tm_wday), word(t.tm_mday),
+            word(t.tm_hour),        word(t.tm_min),     word(t.tm_sec),  word(clock_ms() % 1000)};
 }
 
 BOOL QueryPerformanceCounter(LARGE_INTEGER *out) {
-    enter("QueryPerformanceCounter");
+    enter(__func__);
     out->QuadPart = static_cast<LONGLONG>(clock_ms()) * 10000 + facts().counted++;
     return TRUE;
 }
 
 int WideCharToMultiByte(UINT page, DWORD flags, LPCWSTR text, int length, LPSTR out, int capacity, LPCSTR,
                         BOOL *) {
-    if (failing("WideCharToMultiByte")) {
-        return 0;
-    }
-    if (page != CP_UTF8 || flags != 0 || length == 0) {
+    BEGIN_CALL(0);
+    if (page != CP_UTF8 || flags != 0 || length <= 0) { // other forms are not modelled
         return refuse(ERROR_INVALID_PARAMETER);
     }
-    std::wstring wide(text, length < 0 ? std::wcslen(text) + 1 : static_cast<size_t>(length));
+    std::wstring wide(text, static_cast<size_t>(length));
     const auto broken = [](wchar_t c) { return (c >= 0xD800 && c <= 0xDFFF) || c > 0x10FFFF || c < 0; };
     std::replace_if(wide.begin(), wide.end(), broken, L'\xFFFD');
     return copy_text(narrow(wide), out, capacity);
 }
 
 int MultiByteToWideChar(UINT page, DWORD flags, LPCSTR text, int length, LPWSTR out, int capacity) {
-    if (failing("MultiByteToWideChar")) {
-        return 0;
-    }
-    if (page != CP_UTF8 || flags != 0 || length == 0) {
+    BEGIN_CALL(0);
+    if (page != CP_UTF8 || flags != 0 || length <= 0) { // other forms are not modelled
         return refuse(ERROR_INVALID_PARAMETER);
     }
-    const std::string bytes(text, length < 0 ? std::strlen(text) + 1 : static_cast<size_t>(length));
-    std::wstring wide;
-    for (size_t at = 0; at < bytes.size();) {
-        const auto [code, size] = decode(bytes, at);
-        wide += static_cast<wchar_t>(code);
-        at += size;
+    const std::string bytes(text, static_cast<size_t>(length));
+    std::wstring wide; // the bytes are taken for well-formed
+    for (const char c : bytes) {
+        const auto byte = static_cast<uint8_t>(c);
+        if (byte >= 0x80 && byte < 0xC0 && !wide.empty()) {
+            wide.back() = wide.back() << 6 | (byte & 0x3F);
+        } else {
+            wide += byte & (byte < 0x80 ? 0x7F : byte < 0xE0 ? 0x1F : byte < 0xF0 ? 0x0F : 0x07);
+        }
     }
     return copy_text(wide, out, capacity);
 }
@@ -227,22 +189,17 @@ int MultiByteToWideChar(UINT page, DWORD flags, LPCSTR text, int length, LPWSTR 
 // -- libraries
 
 BOOL SetDefaultDllDirectories(DWORD flags) {
-    if (failing("SetDefaultDllDirectories")) {
-        return FALSE;
-    }
+    BEGIN_CALL(FALSE);
     facts().dll_directories = flags;
     return TRUE;
 }
 
 // Only by full path: a bare name would be searched for.
 HMODULE LoadLibraryExW(LPCWSTR path, HANDLE, DWORD flags) {
-    if (failing("LoadLibraryExW")) {
-        return nullptr;
-    }
+    BEGIN_CALL(nullptr);
     if (!file_exists(path) || facts().libraries.count(fold(path)) == 0 ||
         flags != LOAD_LIBRARY_SEARCH_SYSTEM32) {
-        refuse(ERROR_MOD_NOT_FOUND);
-        return nullptr;
+        return refuse(ERROR_MOD_NOT_FOUND), nullptr;
     }
     auto made = std::make_shared<library>();
     made->path = path;
@@ -250,7 +207,7 @@ HMODULE LoadLibraryExW(LPCWSTR path, HANDLE, DWORD flags) {
 }
 
 FARPROC GetProcAddress(HMODULE module, LPCSTR name) {
-    std::shared_ptr<library> found = failing("GetProcAddress") ? nullptr : find_as<library>(module);
+    const auto found = asked<library>(__func__, module);
     if (!found) {
         return nullptr;
     }
@@ -260,38 +217,25 @@ FARPROC GetProcAddress(HMODULE module, LPCSTR name) {
     return function == functions.end() ? nullptr : function->second;
 }
 
-BOOL FreeLibrary(HMODULE module) {
-    enter("FreeLibrary");
-    return close_own<library>(module);
-}
+BOOL FreeLibrary(HMODULE module) { return close_own<library>(__func__, module); }
 
 // -- known folders
 
 HRESULT SHGetKnownFolderPath(const KNOWNFOLDERID &folder, DWORD, HANDLE, PWSTR *out) {
     *out = nullptr; // on failure too
-    if (failing("SHGetKnownFolderPath")) {
-        return E_FAIL;
-    }
+    BEGIN_CALL(E_FAIL);
     const bool other = acting().who->user == profiles[1].sid;
     const std::wstring home = profiles[other ? 1 : 0].folder; // SYSTEM has none of its own here
-    const struct {
-        DWORD first_word;
-        std::wstring path;
-    } rows[] = {{FOLDERID_ProgramData.Data1, L"C:\\ProgramData"},
-                {FOLDERID_RoamingAppData.Data1, home + L"\\AppData\\Roaming"},
-                {FOLDERID_LocalAppData.Data1, home + L"\\AppData\\Local"}};
-    for (const auto &row : rows) {
-        if (row.first_word == folder.Data1) {
-            *out = static_cast<PWSTR>(make_block((row.path.size() + 1) * sizeof(wchar_t), task_memory));
-            row.path.copy(*out, row.path.size());
-            return S_OK;
-        }
-    }
-    return E_FAIL;
+    const std::wstring path = folder.Data1 == FOLDERID_ProgramData.Data1      ? L"C:\\ProgramData"
+                              : folder.Data1 == FOLDERID_RoamingAppData.Data1 ? home + L"\\AppData\\Roaming"
+                                                                              : home + L"\\AppData\\Local";
+    *out = static_cast<PWSTR>(make_block((path.size() + 1) * sizeof(wchar_t), task_memory));
+    path.copy(*out, path.size());
+    return S_OK;
 }
 
 void CoTaskMemFree(LPVOID memory) {
-    enter("CoTaskMemFree");
+    enter(__func__);
     free_block(memory, task_memory);
 }
 
@@ -309,23 +253,13 @@ HANDLE CreateToolhelp32Snapshot(DWORD what, DWORD) {
     return make_handle(made);
 }
 
-BOOL Process32FirstW(HANDLE handle, PROCESSENTRY32W *entry) {
-    std::shared_ptr<process_list> found =
-        failing("Process32FirstW") ? nullptr : find_as<process_list>(handle);
-    return found && next_process(*found, entry);
-}
-
-BOOL Process32NextW(HANDLE handle, PROCESSENTRY32W *entry) {
-    std::shared_ptr<process_list> found = failing("Process32NextW") ? nullptr : find_as<process_list>(handle);
-    return found && next_process(*found, entry);
-}
+BOOL Process32FirstW(HANDLE handle, PROCESSENTRY32W *entry) { return next_process(__func__, handle, entry); }
+BOOL Process32NextW(HANDLE handle, PROCESSENTRY32W *entry) { return next_process(__func__, handle, entry); }
 
 // What is started with the verb "runas" runs elevated.
 BOOL ShellExecuteExW(SHELLEXECUTEINFOW *info) {
     info->hProcess = nullptr;
-    if (failing("ShellExecuteExW")) {
-        return FALSE;
-    }
+    BEGIN_CALL(FALSE);
     if (info->cbSize != sizeof *info) {
         return refuse(ERROR_INVALID_PARAMETER);
     }
@@ -342,17 +276,16 @@ BOOL ShellExecuteExW(SHELLEXECUTEINFOW *info) {
 // -- network adapters
 
 ULONG GetAdaptersAddresses(ULONG family, ULONG flags, PVOID, IP_ADAPTER_ADDRESSES *out, ULONG *size) {
-    if (failing("GetAdaptersAddresses")) {
-        return GetLastError();
-    }
-    if (flags != (GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER)) {
+    BEGIN_CALL(GetLastError());
+    if (family != AF_INET ||
+        flags != (GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER)) {
         return ERROR_INVALID_PARAMETER;
     }
     adapter_list &list = part<adapter_list>() = {};
     IP_ADAPTER_ADDRESSES *first = nullptr;
     IP_ADAPTER_ADDRESSES **link = &first;
     for (const adapter &one : facts().adapters) {
-        list.add(one, family, link);
+        list.add(one, link);
     }
     const ULONG given =
         std::exchange(*size, static_cast<ULONG>(400 * list.entries.size() + 100 * list.addresses.size()));
@@ -364,9 +297,7 @@ ULONG GetAdaptersAddresses(ULONG family, ULONG flags, PVOID, IP_ADAPTER_ADDRESSE
 }
 
 DWORD ConvertLengthToIpv4Mask(ULONG length, ULONG *mask) {
-    if (failing("ConvertLengthToIpv4Mask")) {
-        return GetLastError();
-    }
+    BEGIN_CALL(GetLastError());
     *mask = htonl(length == 0 || length > 32 ? 0 : 0xFFFFFFFFu << (32 - length));
     return length > 32 ? ERROR_INVALID_PARAMETER : ERROR_SUCCESS;
 }

@@ -1,45 +1,38 @@
-// Tokens: who a process is, what that allows, copies of it, and the privileges a call may need. A process's own token shares the
-// process's facts, so what is adjusted there counts for its later calls.
+// Tokens: who a process is, what that allows, copies of it, and the privileges a call may need. A process's own token
+// shares the process's facts, so what is adjusted there counts for its later calls.
 #include <algorithm>
 #include <cstring>
 
-#include "winsim/files.h"
 #include "winsim/security_model.h"
 
 namespace winsim {
 namespace {
 
-// The numbers that the system gives to its privileges.
-const struct {
-    const wchar_t *name;
-    DWORD value;
-} privileges[] = {
-    {SE_ASSIGNPRIMARYTOKEN_NAME, 3}, {SE_INCREASE_QUOTA_NAME, 5}, {SE_TCB_NAME, 7},
-    {L"SeShutdownPrivilege", 19},    {L"SeDebugPrivilege", 20},
-};
-
-bool may_open(const token_facts &who, const token_facts &whose) {
-    return who.elevated || (sid_text(who.user) == sid_text(whose.user) && !whose.elevated);
-}
-
-bool enabled(const token_facts &who, const wchar_t *privilege) {
-    auto held = who.privileges.find(privilege);
-    return held != who.privileges.end() && held->second;
-}
+constexpr const wchar_t *privileges[] = {SE_ASSIGNPRIMARYTOKEN_NAME, SE_INCREASE_QUOTA_NAME,
+                                         SE_TCB_NAME}; // a LUID is a place here
 
 BOOL duplicate(HANDLE handle, DWORD access, bool primary, HANDLE *out) {
-    std::shared_ptr<token> found = find_as<token>(handle, TOKEN_DUPLICATE);
+    const auto found = find_as<token>(handle, TOKEN_DUPLICATE);
     if (!found) {
         return FALSE;
     }
     auto made = std::make_shared<token>();
     made->facts = std::make_shared<token_facts>(*found->facts);
     made->primary = primary;
-    *out = make_handle(made, access == 0 ? access_of(handle) : access);
+    *out = make_handle(made, access);
     return TRUE;
 }
 
 } // namespace
+
+bool may_open(const token_facts &who, const token_facts &whose) {
+    return who.elevated || (sid_text(who.user) == sid_text(whose.user) && !whose.elevated);
+}
+
+bool enabled(const token_facts &who, const wchar_t *privilege) {
+    const auto held = who.privileges.find(privilege);
+    return held != who.privileges.end() && held->second;
+}
 
 token_facts system_token(DWORD session) {
     return {"SY",
@@ -60,15 +53,13 @@ token_facts filtered_admin_token(DWORD session) {
 token_facts user_token(DWORD session) { return {profiles[1].sid, {"BU", "AU", "IU"}, session, false, {}}; }
 
 DWORD map_generic(DWORD wanted) {
-    const struct {
-        DWORD generic, specific;
-    } rows[] = {{GENERIC_READ, FILE_GENERIC_READ},
-                {GENERIC_WRITE, FILE_GENERIC_WRITE},
-                {GENERIC_EXECUTE, FILE_GENERIC_EXECUTE},
-                {GENERIC_ALL, FILE_ALL_ACCESS}};
-    for (const auto &row : rows) {
-        wanted = (wanted & row.generic) != 0 ? (wanted & ~row.generic) | row.specific : wanted;
-    }
+    const auto map = [&wanted](DWORD generic, DWORD specific) {
+        wanted = (wanted & generic) != 0 ? (wanted & ~generic) | specific : wanted;
+    };
+    map(GENERIC_READ, FILE_GENERIC_READ);
+    map(GENERIC_WRITE, FILE_GENERIC_WRITE);
+    map(GENERIC_EXECUTE, FILE_GENERIC_EXECUTE);
+    map(GENERIC_ALL, FILE_ALL_ACCESS);
     return wanted;
 }
 
@@ -105,15 +96,11 @@ bool access_allowed(const token_facts &who, const std::string &sddl, DWORD desir
 using namespace winsim;
 
 BOOL OpenProcessToken(HANDLE handle, DWORD access, HANDLE *out) {
-    if (failing("OpenProcessToken")) {
-        return FALSE;
-    }
-    std::shared_ptr<process> of = find_as<process>(handle);
+    const auto of = asked<process>(__func__, handle, PROCESS_QUERY_LIMITED_INFORMATION);
     if (!of) {
         return FALSE;
     }
-    const DWORD queries = PROCESS_QUERY_INFORMATION | PROCESS_QUERY_LIMITED_INFORMATION;
-    if ((access_of(handle) & queries) == 0 || (of.get() != &acting() && !may_open(*acting().who, *of->who))) {
+    if (of.get() != &acting() && !may_open(*acting().who, *of->who)) {
         return refuse(ERROR_ACCESS_DENIED);
     }
     auto made = std::make_shared<token>();
@@ -123,10 +110,7 @@ BOOL OpenProcessToken(HANDLE handle, DWORD access, HANDLE *out) {
 }
 
 BOOL GetTokenInformation(HANDLE handle, TOKEN_INFORMATION_CLASS what, void *out, DWORD size, DWORD *needed) {
-    if (failing("GetTokenInformation")) {
-        return FALSE;
-    }
-    std::shared_ptr<token> found = find_as<token>(handle, TOKEN_QUERY);
+    const auto found = asked<token>(__func__, handle, TOKEN_QUERY);
     if (!found) {
         return FALSE;
     }
@@ -141,22 +125,16 @@ BOOL GetTokenInformation(HANDLE handle, TOKEN_INFORMATION_CLASS what, void *out,
         return TRUE;
     }
     TOKEN_USER *user = static_cast<TOKEN_USER *>(out);
-    user->User = {std::memcpy(user + 1, sid.data(), sid.size()), 0};
+    user->User = {std::memcpy(user + 1, sid.data(), sid.size())};
     return TRUE;
 }
 
 BOOL SetTokenInformation(HANDLE handle, TOKEN_INFORMATION_CLASS what, void *value, DWORD size) {
-    if (failing("SetTokenInformation")) {
-        return FALSE;
-    }
-    std::shared_ptr<token> found = find_as<token>(handle, TOKEN_ADJUST_DEFAULT | TOKEN_ADJUST_SESSIONID);
+    const auto found = asked<token>(__func__, handle, TOKEN_ADJUST_DEFAULT | TOKEN_ADJUST_SESSIONID);
     if (!found) {
         return FALSE;
     }
-    if (what != TokenSessionId || size != sizeof(DWORD)) {
-        return refuse(ERROR_BAD_LENGTH);
-    }
-    if (!enabled(*acting().who, SE_TCB_NAME)) {
+    if (what != TokenSessionId || size != sizeof(DWORD) || !enabled(*acting().who, SE_TCB_NAME)) {
         return refuse(ERROR_PRIVILEGE_NOT_HELD);
     }
     std::memcpy(&found->facts->session, value, size);
@@ -173,58 +151,35 @@ BOOL DuplicateToken(HANDLE handle, SECURITY_IMPERSONATION_LEVEL, HANDLE *out) {
 }
 
 BOOL CheckTokenMembership(HANDLE handle, PSID sid, BOOL *member) {
-    if (failing("CheckTokenMembership")) {
-        return FALSE;
+    const auto found = asked<token>(__func__, handle, TOKEN_QUERY);
+    if (!found || found->primary) {
+        return found ? refuse(ERROR_NO_IMPERSONATION_TOKEN) : FALSE;
     }
-    std::shared_ptr<token_facts> facts = acting().who;
-    if (handle != nullptr) {
-        std::shared_ptr<token> found = find_as<token>(handle, TOKEN_QUERY);
-        if (!found) {
-            return FALSE;
-        }
-        if (found->primary) {
-            return refuse(ERROR_NO_IMPERSONATION_TOKEN);
-        }
-        facts = found->facts;
-    }
-    *member = holds_sid(*facts, sid_from_memory(sid));
+    *member = holds_sid(*found->facts, sid_from_memory(sid));
     return TRUE;
 }
 
 BOOL LookupPrivilegeValueW(const wchar_t *, const wchar_t *name, LUID *out) {
-    if (failing("LookupPrivilegeValueW")) {
-        return FALSE;
-    }
-    auto named = [&](const auto &row) { return fold(row.name) == fold(name); };
-    auto row = std::find_if(std::begin(privileges), std::end(privileges), named);
-    if (row == std::end(privileges)) {
-        return refuse(ERROR_NO_SUCH_PRIVILEGE);
-    }
-    *out = {row->value, 0};
-    return TRUE;
+    BEGIN_CALL(FALSE);
+    const auto row = std::find(std::begin(privileges), std::end(privileges), std::wstring(name));
+    *out = {static_cast<DWORD>(row - privileges)};
+    return row != std::end(privileges);
 }
 
 // Success leaves the last error as it was, but for a privilege that isn't held: a caller that didn't clear it first
 // can't tell the two apart.
 BOOL AdjustTokenPrivileges(HANDLE handle, BOOL, TOKEN_PRIVILEGES *wanted, DWORD, TOKEN_PRIVILEGES *,
                            DWORD *) {
-    if (failing("AdjustTokenPrivileges")) {
-        return FALSE;
-    }
-    std::shared_ptr<token> found = find_as<token>(handle, TOKEN_ADJUST_PRIVILEGES);
+    const auto found = asked<token>(__func__, handle, TOKEN_ADJUST_PRIVILEGES);
     if (!found) {
         return FALSE;
     }
-    for (DWORD i = 0; i < wanted->PrivilegeCount; i++) {
-        auto numbered = [&](const auto &row) { return row.value == wanted->Privileges[i].Luid.LowPart; };
-        auto row = std::find_if(std::begin(privileges), std::end(privileges), numbered);
-        auto held = row == std::end(privileges) ? found->facts->privileges.end()
-                                                : found->facts->privileges.find(row->name);
-        if (held == found->facts->privileges.end()) {
-            SetLastError(ERROR_NOT_ALL_ASSIGNED);
-        } else {
-            held->second = (wanted->Privileges[i].Attributes & SE_PRIVILEGE_ENABLED) != 0;
-        }
+    const auto &[luid, attributes] = wanted->Privileges[0];
+    const auto held = found->facts->privileges.find(privileges[luid.LowPart]);
+    if (wanted->PrivilegeCount == 0 || held == found->facts->privileges.end()) {
+        SetLastError(ERROR_NOT_ALL_ASSIGNED);
+    } else {
+        held->second = (attributes & SE_PRIVILEGE_ENABLED) != 0;
     }
     return TRUE;
 }

@@ -4,21 +4,16 @@
 
 #include <winsock2.h>
 
-constexpr ULONG GAA_FLAG_SKIP_ANYCAST = 0x2;
-constexpr ULONG GAA_FLAG_SKIP_MULTICAST = 0x4;
-constexpr ULONG GAA_FLAG_SKIP_DNS_SERVER = 0x8;
-constexpr DWORD IF_TYPE_ETHERNET_CSMACD = 6;
-constexpr DWORD IF_TYPE_SOFTWARE_LOOPBACK = 24;
-constexpr DWORD IF_TYPE_IEEE80211 = 71;
+constexpr ULONG GAA_FLAG_SKIP_ANYCAST = 0x2, GAA_FLAG_SKIP_MULTICAST = 0x4, GAA_FLAG_SKIP_DNS_SERVER = 0x8;
+constexpr DWORD IF_TYPE_ETHERNET_CSMACD = 6, IF_TYPE_SOFTWARE_LOOPBACK = 24, IF_TYPE_IEEE80211 = 71;
 enum IF_OPER_STATUS { IfOperStatusUp = 1, IfOperStatusDown = 2 };
 
-struct SOCKET_ADDRESS {
-    sockaddr *lpSockaddr;
-    int iSockaddrLength;
-};
 struct IP_ADAPTER_UNICAST_ADDRESS {
     IP_ADAPTER_UNICAST_ADDRESS *Next;
-    SOCKET_ADDRESS Address;
+    struct {
+        sockaddr *lpSockaddr;
+        int iSockaddrLength;
+    } Address;
     BYTE OnLinkPrefixLength;
 };
 struct IP_ADAPTER_ADDRESSES {

@@ -1,2 +1,1 @@
-// What the system declares here stands in windows.h of the simulated machine.
 #include <windows.h>
