@@ -229,6 +229,10 @@ TEST(IpcTransport, DescriptorsAdmitAndRefuse) {
         create_pipe(name, true, true), create_pipe(worker, false, true);
         EXPECT_EQ(w.m.pipe_descriptor(name), "O:SYG:SYD:P(A;;GA;;;SY)(A;;GRGW;;;BA)");
         EXPECT_EQ(w.m.pipe_descriptor(worker), "O:SYG:SYD:P(A;;GA;;;SY)");
+        const DWORD overlapped_first =
+            PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE;
+        EXPECT_EQ(w.m.pipe_setup(worker), (std::vector<DWORD>{overlapped_first, PIPE_REJECT_REMOTE_CLIENTS, 4,
+                                                              16396, 16396, 5000, FALSE}));
         EXPECT_EQ(create_pipe(name, true, true), INVALID_HANDLE_VALUE) << "not the first";
         w.m.act_as(w.tool);
         EXPECT_EQ(open_pipe(name, nullptr, 1000) != INVALID_HANDLE_VALUE, row.admin);

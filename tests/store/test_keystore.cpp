@@ -35,6 +35,7 @@ TEST(keystore, writes_for_its_owners_alone) {
         EXPECT_EQ(s.m.calls("FlushFileBuffers"), 1);
         s.m.fail("WriteFile", 31, 1, winsim::for_good);
         EXPECT_TRUE(writeHostFile(L"empty", nullptr, 0)) << "without a write";
+        EXPECT_EQ(s.m.last_move_flags(), DWORD{MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH});
         EXPECT_EQ(s.get(L"empty"), "");
     }
     // Whoever knows the temporary file's name beforehand, from the same random numbers, gains nothing.

@@ -67,6 +67,7 @@ constexpr char public_list[] = "O:SYG:SYD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OI
 // What a fresh Windows has of the directories that the calls name.
 struct files {
     std::map<std::wstring, std::shared_ptr<node>> nodes;
+    DWORD move_flags = 0; // MoveFileExW's last
 
     files() {
         add(L"C:", "O:TIG:TID:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)(A;;0x4;;;AU)");
@@ -289,6 +290,8 @@ std::string machine::descriptor(const std::wstring &path) const { return need(pa
 bool machine::exists(const std::wstring &path) const { return at(full_path(path)) != nullptr; }
 std::string machine::read(const std::wstring &path) const { return need(path)->bytes; }
 
+DWORD machine::last_move_flags() const { return part<files>().move_flags; }
+
 void machine::remove(const std::wstring &path) {
     for (const std::shared_ptr<node> &gone : below(full_path(path), true)) {
         nodes().erase(fold(gone->path));
@@ -342,6 +345,7 @@ BOOL MoveFileExW(const wchar_t *from, const wchar_t *to, DWORD flags) {
     if (in_the_way(moved, DELETE, share_all) || (replaced && in_the_way(replaced, DELETE, share_all))) {
         return refuse(ERROR_SHARING_VIOLATION);
     }
+    part<files>().move_flags = flags;
     nodes().erase(fold(moved->path));
     moved->path = full;
     nodes()[fold(full)] = moved;

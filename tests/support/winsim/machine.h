@@ -132,6 +132,8 @@ public:
     void pipe_pieces(size_t bytes); // no transfer moves more at once; 0: as much as it can
     bool pipe_exists(const std::wstring &name) const;
     std::string pipe_descriptor(const std::wstring &name) const; // the SDDL text it was created with
+    // CreateNamedPipeW's figures for the latest instance, in their order, and whether its handle can be inherited.
+    std::vector<DWORD> pipe_setup(const std::wstring &name) const;
     DWORD pipe_client_flags(const std::wstring &name) const; // what the last client's CreateFileW was given
 
     // -- files; paths as "C:\\dir\\file", found without regard to case
@@ -144,6 +146,7 @@ public:
     std::string descriptor(const std::wstring &path) const;
     bool exists(const std::wstring &path) const;
     std::string read(const std::wstring &path) const;
+    DWORD last_move_flags() const;                                  // of MoveFileExW
     void remove(const std::wstring &path);                          // with all below it
     std::vector<std::wstring> tree(const std::wstring &path) const; // every path below it, sorted
 

@@ -26,6 +26,7 @@ struct instance {
 struct pipe_name {
     std::wstring name;
     std::string sddl;
+    std::vector<DWORD> setup;
     DWORD max_instances = 0, server_id = 0;
     size_t out_size = 0, in_size = 0;
     std::vector<std::shared_ptr<instance>> instances;
@@ -273,6 +274,8 @@ bool machine::pipe_exists(const std::wstring &name) const { return find_pipe(nam
 
 std::string machine::pipe_descriptor(const std::wstring &name) const { return (*find_pipe(name))->sddl; }
 
+std::vector<DWORD> machine::pipe_setup(const std::wstring &name) const { return (*find_pipe(name))->setup; }
+
 DWORD machine::pipe_client_flags(const std::wstring &name) const {
     return part<pipe_world>().client_flags[fold(name)];
 }
@@ -290,8 +293,8 @@ HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, SECURITY_ATTRIBUTES 
                               : open_file(name, access, share, security, disposition, flags);
 }
 
-HANDLE CreateNamedPipeW(LPCWSTR name, DWORD open_mode, DWORD, DWORD max_instances, DWORD out_size,
-                        DWORD in_size, DWORD, SECURITY_ATTRIBUTES *security) {
+HANDLE CreateNamedPipeW(LPCWSTR name, DWORD open_mode, DWORD mode, DWORD max_instances, DWORD out_size,
+                        DWORD in_size, DWORD timeout_ms, SECURITY_ATTRIBUTES *security) {
     BEGIN_CALL(INVALID_HANDLE_VALUE);
     std::shared_ptr<pipe_name> pipe;
     if (const auto *found = find_pipe(name)) {
@@ -313,6 +316,8 @@ HANDLE CreateNamedPipeW(LPCWSTR name, DWORD open_mode, DWORD, DWORD max_instance
         pipe->in_size = in_size;
         part<pipe_world>().names[fold(name)] = pipe;
     }
+    const DWORD inherit = security && security->bInheritHandle;
+    pipe->setup = {open_mode, mode, max_instances, out_size, in_size, timeout_ms, inherit};
     pipe->instances.push_back(std::make_shared<instance>());
     pipe->instances.back()->name = pipe;
     return make_end(true, GENERIC_READ | GENERIC_WRITE, pipe->instances.back(), name);

@@ -290,7 +290,10 @@ BOOL SetInformationJobObject(HANDLE handle, JOBOBJECTINFOCLASS, LPVOID informati
     const auto found = asked<job>(__func__, handle);
     if (found && size == sizeof(JOBOBJECT_EXTENDED_LIMIT_INFORMATION)) {
         const auto *limits = static_cast<const JOBOBJECT_EXTENDED_LIMIT_INFORMATION *>(information);
-        found->kill_on_close = limits->BasicLimitInformation.LimitFlags & JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+        if (limits->BasicLimitInformation.LimitFlags != JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE) {
+            return refuse(ERROR_INVALID_PARAMETER); // all others would let go of a process
+        }
+        found->kill_on_close = true;
     }
     return found != nullptr;
 }

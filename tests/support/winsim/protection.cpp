@@ -49,11 +49,12 @@ void machine::on_secret(std::function<void(const std::string &call, const void *
 
 using namespace winsim;
 
-BOOL CryptProtectData(DATA_BLOB *plain, LPCWSTR, DATA_BLOB *entropy, PVOID, void *prompt, DWORD flags,
-                      DATA_BLOB *sealed) {
+BOOL CryptProtectData(DATA_BLOB *plain, LPCWSTR description, DATA_BLOB *entropy, PVOID, void *prompt,
+                      DWORD flags, DATA_BLOB *sealed) {
     pass(__func__, *plain);
     BEGIN_CALL(FALSE);
-    if (entropy != nullptr || prompt != nullptr || (flags & CRYPTPROTECT_UI_FORBIDDEN) == 0) {
+    if (entropy != nullptr || prompt != nullptr || (flags & CRYPTPROTECT_UI_FORBIDDEN) == 0 ||
+        std::wstring(description) != L"TarnGlider") {
         return FALSE;
     }
     BYTE *blob = static_cast<BYTE *>(sim_local_alloc(head_size + plain->cbData));
