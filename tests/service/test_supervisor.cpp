@@ -263,22 +263,31 @@ TEST(Supervisor, StopsAtOnceWhenTheNameIsTaken) {
 }
 
 TEST(Supervisor, EveryFailingCallOfALaunchRefusesItWhole) {
+    int refused = 0;
     for (int nth = 1;; nth++) {
         service_rig rig;
         rig.machine.set_console_session(0);
         rig.start();
+        rig.machine.run_for(200);
+        const size_t idle = rig.machine.open_handles(rig.service).size();
         rig.machine.set_console_session(1);
         rig.fail_service_call(nth, ERROR_ACCESS_DENIED);
         rig.machine.run_for(900);
         const std::string call = rig.machine.failed_call();
         if (call.empty()) {
             EXPECT_GT(nth, 40);
+            EXPECT_GT(refused, 30) << "most of them are the launch's own";
             rig.machine.clear_failures();
             rig.stop();
             break;
         }
         SCOPED_TRACE(call + ", call " + std::to_string(nth));
         rig.machine.clear_failures();
+        if (rig.machine.run_until([&] { return !rig.times(failed_line).empty(); }, 4000)) {
+            EXPECT_EQ(rig.workers(), 0u);
+            EXPECT_EQ(rig.machine.open_handles(rig.service).size(), idle) << "nothing of the launch is left";
+            refused++;
+        }
         rig.machine.run_for(20000);
         EXPECT_EQ(rig.workers(), 1u) << "the next launch succeeds";
         rig.stop();
